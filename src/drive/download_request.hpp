@@ -1,0 +1,18 @@
+// What the download engine is given: the image file, the DOWNLOAD MICROCODE mode and the size
+// of one transfer.
+#pragma once
+
+#include <cstdint>
+
+constexpr int kPathUnits = 260; // 259 characters and the terminating NUL
+
+struct DownloadRequest {
+    wchar_t fileName[kPathUnits]; // empty (all zero) without /D:
+    std::uint8_t downloadMode;    // DOWNLOAD MICROCODE subcommand, sent in Features
+    std::uint8_t segmentBlocks;   // blocks of 512 bytes per transfer; 0: whole image, 8 MiB cap
+};
+
+constexpr std::uint8_t kModeSegmented = 0x03;
+constexpr std::uint8_t kModeImmediate = 0x07;
+constexpr std::uint8_t kModeDeferred = 0x0E;
+constexpr std::uint8_t kModeActivate = 0x0F;

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "drive/drive_info.hpp"
+#include "transport/device_context.hpp"
+#include "transport/status.hpp"
+
+Status identify_device(DeviceContext& context, DriveInfo& driveInfo);
+void read_dm_capabilities(DeviceContext& context, DriveInfo& driveInfo);
+Status vendor_identify(DeviceContext& context);
+
+// An ATA identify string (two characters per word, the first in the high byte) as trimmed
+// text. length must be even and non-zero.
+std::string ata_string_to_text(const std::uint8_t* source, std::uint32_t length);
+// SEC1, SEC2, SEC4, SEC5 or SEC6 from IDENTIFY word 128.
+std::uint32_t security_state_from_word(std::uint16_t securityWord);

@@ -1,0 +1,55 @@
+// The console channels. Narrow text, wide text and printf-style output share one ordered byte
+// sink per standard stream, so their output never reorders. Wide text is converted once, at the
+// sink: UTF-8 off Windows, the console's code page on Windows. Bytes printed as bytes (the
+// spinner's 0xC4) pass unchanged.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#if defined(__MINGW32__)
+#define QUENMARK_PRINTF_FORMAT(f, a) __attribute__((format(gnu_printf, f, a)))
+#else
+#define QUENMARK_PRINTF_FORMAT(f, a) __attribute__((format(printf, f, a)))
+#endif
+
+namespace console {
+
+using Sink = std::function<void(const char* bytes, std::size_t count)>;
+
+// The narrow standard-output stream. It keeps its number base and letter case from one use to
+// the next, as the messages that switch to hexadecimal expect.
+std::ostream& out();
+// The narrow standard-error stream.
+std::ostream& err();
+
+// The wide standard-output channel: device paths, file names, arguments.
+class WideOut {
+public:
+    WideOut& operator<<(const wchar_t* text);
+    WideOut& operator<<(std::wstring_view text);
+    WideOut& operator<<(int value); // decimal, with its sign
+    WideOut& operator<<(WideOut& (*manipulator)(WideOut&)) { return manipulator(*this); }
+};
+WideOut& wout();
+// A line end on the wide channel: a newline, then a flush.
+WideOut& wendl(WideOut& channel);
+
+// printf-style output to standard output.
+void printf(const char* format, ...) QUENMARK_PRINTF_FORMAT(1, 2);
+// The wide formatted print, for the one wide message that has no argument.
+void wprint(const wchar_t* text);
+
+// Wide text to the bytes the console shows.
+std::string to_console_bytes(std::wstring_view text);
+
+// Tests capture the two streams; reset_sinks restores the process's own standard streams.
+void set_sinks(Sink standardOutput, Sink standardError);
+void reset_sinks();
+// Back to decimal, lower-case hexadecimal: a fresh process's stream state.
+void reset_stream_state();
+
+} // namespace console

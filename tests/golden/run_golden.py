@@ -1,0 +1,166 @@
+#!/usr/bin/env python3
+"""Runs golden transcripts: the whole quenmark-sim program against a simulated machine, with
+stdout, stderr and the exit code compared byte for byte.
+
+A case is a folder:
+  args          one argument per line (UTF-8), without the program name
+  machine.json  the simulated machine (optional; without it the built-in demo machine runs)
+  setup         a bash script run in the work folder first (optional); $QUENMARK_SIM_IMAGE
+                names the image tool, $GOLDEN_CASE the case folder
+  stdout, stderr, exit
+                what the run must print and return
+  calls         the machine's call log, compared byte for byte (optional)
+  after.json    a JSON value that the machine file must contain after the run (optional)
+  wine          present: the reason the case cannot run under Wine (it is skipped there)
+
+Usage: run_golden.py --exe PROGRAM [--wine] [--update] [--image-tool TOOL] SUITE_OR_CASE...
+Under --wine only line ends (CRLF) and the program's name in the "Usage: " line may differ.
+"""
+import argparse
+import json
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+
+PROGRAM_NAME = "quenmark-sim"
+
+
+def find_cases(paths):
+    cases = []
+    for path in paths:
+        if os.path.isfile(os.path.join(path, "args")):
+            cases.append(path)
+            continue
+        for name in sorted(os.listdir(path)):
+            case = os.path.join(path, name)
+            if os.path.isfile(os.path.join(case, "args")):
+                cases.append(case)
+    return cases
+
+
+def read(path, default=None):
+    if not os.path.exists(path):
+        return default
+    with open(path, "rb") as f:
+        return f.read()
+
+
+def contains(whole, part):
+    """True when every key and value of part stands in whole (lists element by element)."""
+    if isinstance(part, dict):
+        return isinstance(whole, dict) and all(k in whole and contains(whole[k], v)
+                                               for k, v in part.items())
+    if isinstance(part, list):
+        return (isinstance(whole, list) and len(whole) == len(part)
+                and all(contains(w, p) for w, p in zip(whole, part)))
+    return whole == part
+
+
+def normalise_wine(data):
+    data = data.replace(b"\r\n", b"\n")
+    return re.sub(rb"^Usage: .*? \[prefix\]", b"Usage: " + PROGRAM_NAME.encode() +
+                  b" [prefix]", data, flags=re.M)
+
+
+def run_case(case, options, workroot):
+    work = tempfile.mkdtemp(prefix=os.path.basename(case) + ".", dir=workroot)
+    env = dict(os.environ)
+    env.pop("QUENMARK_SIM_MACHINE", None)
+    env["QUENMARK_SIM_LOG"] = os.path.join(work, "calls.log")
+    env["GOLDEN_CASE"] = os.path.abspath(case)
+    if options.image_tool:
+        env["QUENMARK_SIM_IMAGE"] = os.path.abspath(options.image_tool)
+    machine = os.path.join(case, "machine.json")
+    if os.path.exists(machine):
+        shutil.copy(machine, os.path.join(work, "machine.json"))
+        env["QUENMARK_SIM_MACHINE"] = "machine.json"
+    setup = os.path.join(case, "setup")
+    if os.path.exists(setup):
+        subprocess.run(["bash", os.path.abspath(setup)], cwd=work, env=env, check=True)
+    with open(os.path.join(case, "args"), encoding="utf-8") as f:
+        args = f.read().split("\n")
+    if args and args[-1] == "":
+        args.pop()
+    exe = os.path.abspath(options.exe)
+    if options.wine:
+        command = ["wine", exe] + args
+    else:
+        command = [PROGRAM_NAME] + args
+    result = subprocess.run(command, cwd=work, env=env, capture_output=True,
+                            executable=None if options.wine else exe, timeout=300)
+    got = {"stdout": result.stdout, "stderr": result.stderr,
+           "exit": b"%d\n" % result.returncode}
+    if options.wine:
+        got["stdout"] = normalise_wine(got["stdout"])
+        # Wine's own diagnostics on stderr are not the program's.
+        got["stderr"] = normalise_wine(b"".join(
+            line for line in got["stderr"].splitlines(True)
+            if not re.match(rb"^[0-9a-f]{4}:(err|fixme|warn):", line)))
+    log = read(os.path.join(work, "calls.log"), b"")
+    failures = []
+    for name in ("stdout", "stderr", "exit"):
+        expected = read(os.path.join(case, name))
+        if options.update and not options.wine:
+            with open(os.path.join(case, name), "wb") as f:
+                f.write(got[name])
+            continue
+        if expected is None:
+            failures.append("%s: no expected file" % name)
+        elif expected != got[name]:
+            failures.append("%s differs\n--- expected\n%s\n--- got\n%s" % (
+                name, expected.decode("utf-8", "replace"), got[name].decode("utf-8", "replace")))
+    expected_calls = read(os.path.join(case, "calls"))
+    if expected_calls is not None and not options.wine:
+        if options.update:
+            with open(os.path.join(case, "calls"), "wb") as f:
+                f.write(log)
+        elif expected_calls != log:
+            failures.append("calls differ\n--- expected\n%s\n--- got\n%s" % (
+                expected_calls.decode(), log.decode("utf-8", "replace")))
+    after = read(os.path.join(case, "after.json"))
+    if after is not None:
+        state = json.loads(read(os.path.join(work, "machine.json"), b"null"))
+        if not contains(state, json.loads(after)):
+            failures.append("machine file after the run lacks %s\n--- it holds\n%s" % (
+                after.decode(), json.dumps(state, indent=1)))
+    if not failures:
+        shutil.rmtree(work, ignore_errors=True)
+    return failures
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--exe", required=True)
+    parser.add_argument("--image-tool")
+    parser.add_argument("--wine", action="store_true")
+    parser.add_argument("--update", action="store_true",
+                        help="write what the program printed as the expected files")
+    parser.add_argument("paths", nargs="+")
+    options = parser.parse_args()
+    cases = find_cases(options.paths)
+    workroot = tempfile.mkdtemp(prefix="golden.")
+    passed = failed = skipped = 0
+    for case in cases:
+        name = os.path.relpath(case, os.path.dirname(os.path.dirname(os.path.abspath(case))))
+        if options.wine and os.path.exists(os.path.join(case, "wine")):
+            skipped += 1
+            print("SKIP %s (%s)" % (name, read(os.path.join(case, "wine")).decode().strip()))
+            continue
+        failures = run_case(case, options, workroot)
+        if failures:
+            failed += 1
+            print("FAIL %s\n  %s" % (name, "\n  ".join(failures)))
+        else:
+            passed += 1
+            print("ok   %s" % name)
+    if failed == 0:
+        shutil.rmtree(workroot, ignore_errors=True)
+    print("%d passed, %d failed" % (passed, failed) + (", %d skipped" % skipped if skipped else ""))
+    return 1 if failed or not cases else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
