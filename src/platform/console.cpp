@@ -57,6 +57,7 @@ private:
     Sink& sink_;
 };
 
+#ifndef _WIN32
 void append_utf8(std::string& out, char32_t cp) {
     if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
         cp = 0xFFFD;
@@ -77,6 +78,7 @@ void append_utf8(std::string& out, char32_t cp) {
         out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
     }
 }
+#endif
 
 } // namespace
 
@@ -158,14 +160,18 @@ void printf(const char* format, ...) {
     va_end(args);
 }
 
-void wprint(const wchar_t* text) { wout() << text; }
+void wprint(const wchar_t* text) {
+    wout() << text;
+}
 
 void set_sinks(Sink standardOutput, Sink standardError) {
     stdout_sink() = std::move(standardOutput);
     stderr_sink() = std::move(standardError);
 }
 
-void reset_sinks() { set_sinks(write_stdout, write_stderr); }
+void reset_sinks() {
+    set_sinks(write_stdout, write_stderr);
+}
 
 void reset_stream_state() {
     for (std::ostream* stream : {&out(), &err()}) {

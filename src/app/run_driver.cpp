@@ -1,0 +1,156 @@
+#include <cstring>
+#include <ostream>
+
+#include "app/command_line.hpp"
+#include "app/report.hpp"
+#include "app/run_driver.hpp"
+#include "csmi/csmi.hpp"
+#include "drive/download_firmware.hpp"
+#include "drive/identify.hpp"
+#include "drive/inquire_device.hpp"
+#include "platform/console.hpp"
+#include "transport/transport.hpp"
+
+namespace {
+
+constexpr int kExitInfoShown = 10;
+constexpr int kExitSecurityRefused = 6;
+constexpr win32::DWORD kPauseAfterAttemptMs = 2000;
+
+// SEC4 is always refused; SEC5 and SEC6 only when /l asks for it.
+bool refuse_for_security(const DriveInfo& driveInfo, const DeviceContext& context) {
+    const char* message = nullptr;
+    switch (driveInfo.securityState) {
+    case SEC4:
+        message = "Err: ATA SECURITY LOCKED";
+        break;
+    case SEC5:
+        message = context.optionL == 1 ? "Err: ATA SECURITY ENABLED (SEC5)" : nullptr;
+        break;
+    case SEC6:
+        message = context.optionL == 1 ? "Err: ATA SECURITY ENABLED (SEC6)" : nullptr;
+        break;
+    default:
+        break;
+    }
+    if (message == nullptr) {
+        return false;
+    }
+    if (context.verbose != 0) {
+        console::out() << message << std::endl;
+    }
+    return true;
+}
+
+Status run_download_attempts(DeviceContext& context, const RunOptions& options) {
+    vendor_identify(context);
+    Status status = Status::Failed;
+    std::int32_t attempt = 0;
+    do {
+        if (attempt > 0) {
+            console::out() << "Retrying... " << attempt << std::endl;
+        }
+        status = download_firmware(context, options.request);
+        console::out() << std::endl;
+        win32::Sleep(kPauseAfterAttemptMs);
+        console::out() << std::endl;
+        ++attempt;
+    } while (status != Status::Success && attempt <= options.retryCount);
+    return status;
+}
+
+Status activate(DeviceContext& context, const RunOptions& options) {
+    DownloadRequest activation = options.request;
+    activation.downloadMode = kModeActivate;
+    activation.segmentBlocks = 0;
+    return download_firmware(context, activation);
+}
+
+} // namespace
+
+RunOptions make_run_options() {
+    RunOptions options;
+    std::memset(&options, 0, sizeof options);
+    options.phyNumber = -1;
+    options.request.downloadMode = kModeImmediate;
+    options.request.segmentBlocks = 0x40;
+    return options;
+}
+
+int map_status_to_exit_code(Status status) {
+    switch (static_cast<std::int32_t>(status)) {
+    case 1:
+        return 0;
+    case 11:
+        return 1;
+    case 2:
+        return 2;
+    case 4:
+        return 4;
+    case 8:
+        return 8;
+    case 9:
+        return 9;
+    case 12:
+        return 6;
+    case 13:
+        return 5;
+    default:
+        return 10;
+    }
+}
+
+int quenmark_main(int argumentCount, char** arguments) {
+    DeviceContext context = make_device_context();
+    RunOptions options = make_run_options();
+    DriveInfo driveInfo;
+
+    const char* programName = argumentCount > 0 ? arguments[0] : "";
+    const ParseResult parsed = parse_command_line(argumentCount, programName, context, options);
+    if (!parsed.proceed) {
+        return parsed.exitCode;
+    }
+
+    if ((context.interfaceKind & ScanRequested) != 0) {
+        print_banner();
+        scan_csmi_devices(context.verbose);
+        return 0;
+    }
+
+    if (context.verbose != 0) {
+        print_selection(options, context);
+    }
+
+    Status status =
+        (context.interfaceKind & Csmi) != 0
+            ? open_csmi_device(context, options.devicePath, options.phyNumber, options.sasAddress)
+            : open_device(context, options.devicePath);
+    if (context.handle != INVALID_HANDLE_VALUE && status == Status::Success) {
+        inquire_device(context, driveInfo);
+        status = identify_device(context, driveInfo);
+        if (status == Status::Success) {
+            if ((context.interfaceKind & InfoRequested) != 0 || context.verbose != 0) {
+                print_drive_report(driveInfo, options.request.segmentBlocks);
+            }
+            // The handle of these two ends is released with the process.
+            if ((context.interfaceKind & InfoRequested) != 0) {
+                return kExitInfoShown;
+            }
+            if (refuse_for_security(driveInfo, context)) {
+                return kExitSecurityRefused;
+            }
+            if ((context.interfaceKind & DownloadRequested) != 0) {
+                status = run_download_attempts(context, options);
+            }
+            if ((context.interfaceKind & ActivateRequested) != 0) {
+                status = activate(context, options);
+            }
+            identify_device(context, driveInfo);
+        }
+    }
+
+    if (context.handle != nullptr) {
+        win32::CloseHandle(context.handle);
+    }
+    return map_status_to_exit_code(status);
+}
