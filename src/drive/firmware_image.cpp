@@ -1,0 +1,150 @@
+#include "drive/firmware_image.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <system_error>
+
+#include "drive/transfer_plan.hpp"
+#include "platform/console.hpp"
+
+namespace {
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+#ifndef _WIN32
+// The file name as the C library off Windows takes it: UTF-8.
+std::string to_utf8(const wchar_t* text) {
+    std::string bytes;
+    for (; *text != L'\0'; ++text) {
+        char32_t cp = static_cast<char32_t>(*text);
+        if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+            cp = 0xFFFD;
+        }
+        if (cp < 0x80) {
+            bytes.push_back(static_cast<char>(cp));
+        } else if (cp < 0x800) {
+            bytes.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        } else if (cp < 0x10000) {
+            bytes.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+            bytes.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        } else {
+            bytes.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+            bytes.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+            bytes.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+        }
+    }
+    return bytes;
+}
+#endif
+
+std::filesystem::path native_path(const wchar_t* fileName) {
+#ifdef _WIN32
+    return std::filesystem::path(std::wstring(fileName));
+#else
+    return std::filesystem::path(to_utf8(fileName));
+#endif
+}
+
+// Read-only, binary, shared with other readers and writers.
+std::FILE* open_for_reading(const std::filesystem::path& path) {
+#ifdef _WIN32
+    return _wfopen(path.c_str(), L"rb");
+#else
+    return std::fopen(path.c_str(), "rb");
+#endif
+}
+
+// The distance from the start to the end of the file, or -1.
+long long measure_size(std::FILE* file) {
+#ifdef _WIN32
+    // long is 32 bits here; a file above 2 GiB must still be measured to be refused as too large.
+    if (_fseeki64(file, 0, SEEK_END) != 0) {
+        return -1;
+    }
+    const long long end = _ftelli64(file);
+    if (end < 0 || _fseeki64(file, 0, SEEK_SET) != 0) {
+        return -1;
+    }
+#else
+    if (std::fseek(file, 0, SEEK_END) != 0) {
+        return -1;
+    }
+    const long long end = std::ftell(file);
+    if (end < 0 || std::fseek(file, 0, SEEK_SET) != 0) {
+        return -1;
+    }
+#endif
+    return end;
+}
+
+} // namespace
+
+void print_image_refusal(const char* why, const wchar_t* fileName) {
+    console::err() << "Firmware file " << why << ": " << console::to_console_bytes(fileName)
+                   << std::endl;
+}
+
+Status read_firmware_image(const wchar_t* fileName, std::int32_t verbose, FirmwareImage& image) {
+    const std::filesystem::path path = native_path(fileName);
+
+    // A directory or a device may open, and may even report a size, but holds no image; the
+    // bytes it delivered would go to the drive as firmware.
+    std::error_code statusError;
+    const std::filesystem::file_status status = std::filesystem::status(path, statusError);
+    const bool knownRegular = !statusError && std::filesystem::is_regular_file(status);
+    if (!statusError && !knownRegular) {
+        print_image_refusal("is not a regular file", fileName);
+        return Status::BadFirmwareFile;
+    }
+
+    errno = 0;
+    File file(open_for_reading(path));
+    if (!file) {
+        const int openError = errno;
+        if (verbose != 0) {
+            console::err() << "File Open Failure: " << std::strerror(openError) << std::endl;
+        }
+        return Status::BadFirmwareFile;
+    }
+    if (!knownRegular) {
+        print_image_refusal("is not a regular file", fileName);
+        return Status::BadFirmwareFile;
+    }
+
+    const long long size = measure_size(file.get());
+    if (size < 0) {
+        print_image_refusal("size cannot be read", fileName);
+        return Status::BadFirmwareFile;
+    }
+    if (size > static_cast<long long>(kMaxImageBytes)) {
+        print_image_refusal("is larger than 33553920 bytes (65535 blocks)", fileName);
+        return Status::BadFirmwareFile;
+    }
+
+    const std::size_t bytes = static_cast<std::size_t>(size);
+    // One byte at least: an empty image still gets a buffer its transfers can point into.
+    image.bytes.reset(static_cast<std::uint8_t*>(std::calloc(bytes != 0 ? bytes : 1, 1)));
+    if (!image.bytes) {
+        return Status::OutOfMemory;
+    }
+    image.size = static_cast<std::uint32_t>(size);
+
+    // Bytes not read would stay zero and go to the drive as part of its firmware.
+    if (std::fread(image.bytes.get(), 1, bytes, file.get()) != bytes) {
+        image.bytes.reset();
+        image.size = 0;
+        print_image_refusal("could not be read whole", fileName);
+        return Status::BadFirmwareFile;
+    }
+    return Status::Success;
+}
