@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Builds every preset and runs every test. Installs what it needs from Debian's packages.
+#   unit tests and golden transcripts under AddressSanitizer and UndefinedBehaviorSanitizer,
+#   the golden transcripts again against the optimised Linux build,
+#   the Windows build under Wine, the Linux build in QEMU against the kernel's SAT layer,
+#   formatting, and the other suites that exist (fuzz smoke runs, the fleet rollout).
+set -uo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+bash scripts/install-deps.sh || exit 1
+
+jobs=${JOBS:-2}
+build() {
+  cmake --preset "$1" >/dev/null && cmake --build "build/$1" -j"$jobs"
+}
+build linux-asan || exit 1
+build linux || exit 1
+build windows || exit 1
+
+failed=()
+step() {
+  local name=$1
+  shift
+  echo "== $name"
+  if "$@"; then echo "== $name: passed"; else echo "== $name: FAILED"; failed+=("$name"); fi
+}
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+step "unit and golden (ASan+UBSan)" ctest --test-dir build/linux-asan --output-on-failure -j"$jobs"
+step "golden (optimised build)" ctest --test-dir build/linux --output-on-failure -j"$jobs" -R '^golden\.'
+step "formatting" bash scripts/check-format.sh
+step "Windows build under Wine" bash tests/wine/run.sh
+for suite in tests/qemu/run.sh tests/fuzz/run.sh deploy/ansible/tests/run.sh; do
+  [ -f "$suite" ] && step "$suite" bash "$suite"
+done
+
+if ((${#failed[@]})); then
+  echo "FAILED: ${failed[*]}"
+  exit 1
+fi
+echo "all test suites passed"
