@@ -1,0 +1,6 @@
+#include "csmi/csmi.hpp"
+
+Status issue_stp_passthru(DeviceContext& context) {
+    (void)context;
+    return Status::Failed;
+}
