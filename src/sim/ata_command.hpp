@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace sim {
 
@@ -29,6 +30,11 @@ struct AtaOutcome {
     std::uint8_t lbaLow = 0, lbaMid = 0, lbaHigh = 0;
     std::uint8_t device = 0;
     std::uint32_t bytesMoved = 0;
+    // An injected fault that the SAT bridge reports as this SCSI status and sense data instead
+    // of translating the ATA registers; the other wires ignore it.
+    bool scsiOverride = false;
+    std::uint8_t scsiStatus = 0;
+    std::vector<std::uint8_t> sense;
     bool ok() const { return status == 0x50; }
 };
 

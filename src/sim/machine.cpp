@@ -1,0 +1,51 @@
+#include "sim/machine.hpp"
+
+#include <cstdint>
+#include <utility>
+
+namespace sim {
+
+Machine& machine() {
+    static Machine instance;
+    return instance;
+}
+
+void reset_machine() {
+    machine() = Machine{};
+}
+
+void set_command_line(std::vector<std::wstring> arguments) {
+    machine().commandLine = std::move(arguments);
+}
+
+Drive* find_drive(Machine& m, const std::string& id) {
+    for (Drive& drive : m.drives) {
+        if (drive.id == id) {
+            return &drive;
+        }
+    }
+    return nullptr;
+}
+
+win32::HANDLE handle_value(std::size_t slot) {
+    return reinterpret_cast<win32::HANDLE>(static_cast<std::uintptr_t>(4 * (slot + 1)));
+}
+
+OpenHandle* find_open_handle(Machine& m, win32::HANDLE handle) {
+    const auto value = reinterpret_cast<std::uintptr_t>(handle);
+    if (value == 0 || value % 4 != 0 || value / 4 > m.handles.size()) {
+        return nullptr;
+    }
+    OpenHandle& entry = m.handles[value / 4 - 1];
+    return entry.open ? &entry : nullptr;
+}
+
+std::size_t open_handle_count(const Machine& m) {
+    std::size_t count = 0;
+    for (const OpenHandle& entry : m.handles) {
+        count += entry.open ? 1 : 0;
+    }
+    return count;
+}
+
+} // namespace sim

@@ -1,0 +1,710 @@
+#include "sim/machine_file.hpp"
+
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+#include "sim/call_log.hpp"
+#include "sim/identify_data.hpp"
+#include "sim/machine.hpp"
+#include "sim/text_encoding.hpp"
+
+namespace sim {
+
+namespace {
+
+using nlohmann::json;
+
+// Every reader returns false with error set to "<where>: <what>".
+bool fail(std::string& error, const std::string& where, const std::string& what) {
+    error = where + ": " + what;
+    return false;
+}
+
+bool check_keys(const json& object, const std::string& where, const std::set<std::string>& allowed,
+                std::string& error) {
+    if (!object.is_object()) {
+        return fail(error, where, "must be an object");
+    }
+    for (const auto& item : object.items()) {
+        if (item.key() != "comment" && allowed.count(item.key()) == 0) {
+            return fail(error, where, "unknown key \"" + item.key() + "\"");
+        }
+    }
+    return true;
+}
+
+// A number given as a JSON integer or as a text ("0x1F", "31").
+bool read_number(const json& value, const std::string& where, std::uint64_t maximum,
+                 std::uint64_t& out, std::string& error) {
+    if (value.is_number_unsigned()) {
+        out = value.get<std::uint64_t>();
+    } else if (value.is_number_integer()) {
+        return fail(error, where, "must not be negative");
+    } else if (value.is_string()) {
+        const std::string text = value.get<std::string>();
+        const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+        const std::string digits = hex ? text.substr(2) : text;
+        if (digits.empty() || digits.size() > 16 ||
+            digits.find_first_not_of(hex ? "0123456789abcdefABCDEF" : "0123456789") !=
+                std::string::npos) {
+            return fail(error, where, "\"" + text + "\" is not a number");
+        }
+        out = std::stoull(digits, nullptr, hex ? 16 : 10);
+    } else {
+        return fail(error, where, "must be a number");
+    }
+    if (out > maximum) {
+        return fail(error, where, std::to_string(out) + " is above " + std::to_string(maximum));
+    }
+    return true;
+}
+
+template <typename T>
+bool read_field(const json& object, const char* key, const std::string& where, T& out,
+                std::string& error, std::uint64_t maximum = static_cast<T>(~T{0})) {
+    if (!object.contains(key)) {
+        return true;
+    }
+    std::uint64_t value = 0;
+    if (!read_number(object[key], where + "." + key, maximum, value, error)) {
+        return false;
+    }
+    out = static_cast<T>(value);
+    return true;
+}
+
+bool read_bool(const json& object, const char* key, const std::string& where, bool& out,
+               std::string& error) {
+    if (!object.contains(key)) {
+        return true;
+    }
+    if (!object[key].is_boolean()) {
+        return fail(error, where + "." + key, "must be true or false");
+    }
+    out = object[key].get<bool>();
+    return true;
+}
+
+bool read_text(const json& object, const char* key, const std::string& where, std::string& out,
+               std::string& error) {
+    if (!object.contains(key)) {
+        return true;
+    }
+    if (!object[key].is_string()) {
+        return fail(error, where + "." + key, "must be a text");
+    }
+    out = object[key].get<std::string>();
+    return true;
+}
+
+// A revision or other drive string: a text of 8-bit characters, or an array of byte values for
+// one that is not ASCII.
+bool read_bytes_text(const json& value, const std::string& where, std::string& out,
+                     std::string& error) {
+    if (value.is_string()) {
+        out = value.get<std::string>();
+        return true;
+    }
+    if (!value.is_array()) {
+        return fail(error, where, "must be a text or an array of bytes");
+    }
+    out.clear();
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        std::uint64_t byte = 0;
+        if (!read_number(value[i], where + "[" + std::to_string(i) + "]", 255, byte, error)) {
+            return false;
+        }
+        out += static_cast<char>(byte);
+    }
+    return true;
+}
+
+json bytes_text_json(const std::string& text) {
+    for (const char c : text) {
+        if (static_cast<unsigned char>(c) >= 0x80) {
+            json bytes = json::array();
+            for (const char b : text) {
+                bytes.push_back(static_cast<unsigned char>(b));
+            }
+            return bytes;
+        }
+    }
+    return text;
+}
+
+bool read_error_code(const json& value, const std::string& where, win32::DWORD& out,
+                     std::string& error) {
+    if (value.is_string() && value.get<std::string>().rfind("ERROR_", 0) == 0) {
+        if (!error_from_name(value.get<std::string>(), out)) {
+            return fail(error, where, "unknown error name \"" + value.get<std::string>() + "\"");
+        }
+        return true;
+    }
+    std::uint64_t number = 0;
+    if (!read_number(value, where, 0xFFFFFFFFu, number, error)) {
+        return false;
+    }
+    out = static_cast<win32::DWORD>(number);
+    return true;
+}
+
+bool read_control_code(const json& value, const std::string& where, win32::DWORD& out,
+                       std::string& error) {
+    const win32::DWORD known[] = {IOCTL_SCSI_GET_ADDRESS, IOCTL_SCSI_PASS_THROUGH_DIRECT,
+                                  IOCTL_ATA_PASS_THROUGH_DIRECT, IOCTL_SCSI_MINIPORT};
+    if (value.is_string() && value.get<std::string>().rfind("IOCTL_", 0) == 0) {
+        for (const win32::DWORD code : known) {
+            if (control_code_name(code) == value.get<std::string>()) {
+                out = code;
+                return true;
+            }
+        }
+        return fail(error, where, "unknown control code \"" + value.get<std::string>() + "\"");
+    }
+    std::uint64_t number = 0;
+    if (!read_number(value, where, 0xFFFFFFFFu, number, error)) {
+        return false;
+    }
+    out = static_cast<win32::DWORD>(number);
+    return true;
+}
+
+bool read_file(const std::string& path, std::string& bytes) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        return false;
+    }
+    bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+    return !file.bad();
+}
+
+std::string join_path(const std::string& baseDir, const std::string& name) {
+    const bool absolute =
+        !name.empty() && (name[0] == '/' || name[0] == '\\' || (name.size() > 1 && name[1] == ':'));
+    if (absolute || baseDir.empty()) {
+        return name;
+    }
+    return baseDir + "/" + name;
+}
+
+bool read_state(const json& state, const std::string& where, Drive& drive, std::string& error) {
+    if (!check_keys(state, where, {"firmware", "deferred"}, error)) {
+        return false;
+    }
+    if (state.contains("firmware")) {
+        std::string revision;
+        if (!read_bytes_text(state["firmware"], where + ".firmware", revision, error)) {
+            return false;
+        }
+        if (revision.size() > 8) {
+            return fail(error, where + ".firmware", "longer than 8 characters");
+        }
+        set_firmware_revision(drive, revision);
+    }
+    if (state.contains("deferred") && !state["deferred"].is_null()) {
+        const json& d = state["deferred"];
+        const std::string at = where + ".deferred";
+        if (!check_keys(d, at, {"revision", "length", "crc32"}, error)) {
+            return false;
+        }
+        DeferredImage image;
+        if (!d.contains("revision")) {
+            return fail(error, at, "needs a revision");
+        }
+        if (!read_bytes_text(d["revision"], at + ".revision", image.revision, error) ||
+            !read_field(d, "length", at, image.length, error) ||
+            !read_field(d, "crc32", at, image.crc, error)) {
+            return false;
+        }
+        drive.deferred = image;
+    }
+    return true;
+}
+
+bool read_drive(const json& d, const std::string& where, const std::string& baseDir, Drive& drive,
+                std::string& error) {
+    if (!check_keys(d, where,
+                    {"id", "identifyFile", "model", "serial", "firmware", "words", "identifyLog",
+                     "vendorIdentify", "downloadModes", "enforceBlockLimits", "failDownload",
+                     "state"},
+                    error)) {
+        return false;
+    }
+    if (!d.contains("id") || !d["id"].is_string() || d["id"].get<std::string>().empty()) {
+        return fail(error, where, "needs an \"id\" text");
+    }
+    drive.id = d["id"].get<std::string>();
+
+    bool raw = false;
+    if (d.contains("identifyFile")) {
+        std::string name;
+        if (!read_text(d, "identifyFile", where, name, error)) {
+            return false;
+        }
+        std::string bytes;
+        const std::string path = join_path(baseDir, name);
+        if (!read_file(path, bytes)) {
+            return fail(error, where + ".identifyFile", "cannot read \"" + path + "\"");
+        }
+        if (bytes.size() != drive.identify.size()) {
+            return fail(error, where + ".identifyFile",
+                        "\"" + path + "\" holds " + std::to_string(bytes.size()) +
+                            " bytes, not 512");
+        }
+        std::copy(bytes.begin(), bytes.end(), drive.identify.begin());
+        raw = true;
+    } else {
+        drive.identify = default_identify();
+        put_ata_string(drive.identify, 10, 10, "QSIM" + drive.id);
+        put_ata_string(drive.identify, 23, 4, "QS010001");
+        put_ata_string(drive.identify, 27, 20, "QSIM SATA DRIVE");
+    }
+    bool patched = false;
+    const struct {
+        const char* key;
+        int word;
+        int words;
+    } strings[] = {{"serial", 10, 10}, {"firmware", 23, 4}, {"model", 27, 20}};
+    for (const auto& s : strings) {
+        if (d.contains(s.key)) {
+            std::string text;
+            if (!read_bytes_text(d[s.key], where + "." + s.key, text, error)) {
+                return false;
+            }
+            if (text.size() > static_cast<std::size_t>(s.words) * 2) {
+                return fail(error, where + "." + s.key,
+                            "longer than " + std::to_string(s.words * 2) + " characters");
+            }
+            put_ata_string(drive.identify, s.word, s.words, text);
+            patched = true;
+        }
+    }
+    if (d.contains("words")) {
+        const json& words = d["words"];
+        if (!words.is_object()) {
+            return fail(error, where + ".words", "must be an object of word numbers");
+        }
+        for (const auto& item : words.items()) {
+            const std::string at = where + ".words." + item.key();
+            std::uint64_t word = 0;
+            std::uint64_t value = 0;
+            if (!read_number(json(item.key()), at, 255, word, error) ||
+                !read_number(item.value(), at, 0xFFFF, value, error)) {
+                return false;
+            }
+            set_identify_word(drive.identify, static_cast<int>(word),
+                              static_cast<std::uint16_t>(value));
+            patched = true;
+        }
+    }
+    // Built data always carry a valid word 255; raw data keep theirs unless changed here.
+    if (!raw || (patched && has_identify_signature(drive.identify))) {
+        seal_identify_checksum(drive.identify);
+    }
+
+    DmCapabilities capabilities;
+    if (d.contains("identifyLog")) {
+        const json& log = d["identifyLog"];
+        const std::string at = where + ".identifyLog";
+        if (log.is_boolean()) {
+            drive.identifyLogSupported = log.get<bool>();
+        } else if (!check_keys(log, at,
+                               {"header", "dmOffsetsDeferred", "dmClearsNonactivatedDeferredData"},
+                               error) ||
+                   !read_bool(log, "header", at, capabilities.header, error) ||
+                   !read_bool(log, "dmOffsetsDeferred", at, capabilities.offsetsDeferred, error) ||
+                   !read_bool(log, "dmClearsNonactivatedDeferredData", at,
+                              capabilities.clearsNonactivatedDeferredData, error)) {
+            return false;
+        }
+    }
+    drive.identifyLogPage0 = identify_log_page0();
+    drive.identifyLogPage3 = identify_log_page3(capabilities);
+
+    if (d.contains("vendorIdentify")) {
+        const json& v = d["vendorIdentify"];
+        const std::string text = v.is_string() ? v.get<std::string>() : "";
+        if (text == "vendor") {
+            drive.vendorIdentify = VendorIdentify::Vendor;
+        } else if (text == "identify") {
+            drive.vendorIdentify = VendorIdentify::Identify;
+        } else if (text == "abort") {
+            drive.vendorIdentify = VendorIdentify::Abort;
+        } else {
+            return fail(error, where + ".vendorIdentify",
+                        "must be \"vendor\", \"identify\" or \"abort\"");
+        }
+    }
+    if (d.contains("downloadModes")) {
+        const json& modes = d["downloadModes"];
+        if (!modes.is_array()) {
+            return fail(error, where + ".downloadModes", "must be an array of modes");
+        }
+        drive.mode03 = drive.mode07 = drive.mode0E = drive.mode0F = false;
+        for (std::size_t i = 0; i < modes.size(); ++i) {
+            std::uint64_t mode = 0;
+            const std::string at = where + ".downloadModes[" + std::to_string(i) + "]";
+            if (!read_number(modes[i], at, 255, mode, error)) {
+                return false;
+            }
+            switch (mode) {
+            case 0x03:
+                drive.mode03 = true;
+                break;
+            case 0x07:
+                drive.mode07 = true;
+                break;
+            case 0x0E:
+                drive.mode0E = true;
+                break;
+            case 0x0F:
+                drive.mode0F = true;
+                break;
+            default:
+                return fail(error, at, "not one of the modes 3, 7, 14 (0x0E), 15 (0x0F)");
+            }
+        }
+    }
+    if (!read_bool(d, "enforceBlockLimits", where, drive.enforceBlockLimits, error)) {
+        return false;
+    }
+    if (d.contains("state") && !read_state(d["state"], where + ".state", drive, error)) {
+        return false;
+    }
+    return true;
+}
+
+bool read_disk(const json& d, const std::string& where, Disk& disk, std::string& error) {
+    if (!check_keys(
+            d, where,
+            {"path", "drive", "address", "scsiPassThrough", "ataPassThrough", "getAddressError"},
+            error)) {
+        return false;
+    }
+    std::string path;
+    if (!d.contains("path") || !read_text(d, "path", where, path, error) || path.empty()) {
+        return error.empty() ? fail(error, where, "needs a \"path\" text") : false;
+    }
+    disk.path = wide_from_utf8(path);
+    if (!d.contains("drive") || !read_text(d, "drive", where, disk.driveId, error)) {
+        return error.empty() ? fail(error, where, "needs a \"drive\" id") : false;
+    }
+    if (d.contains("address")) {
+        const json& a = d["address"];
+        const std::string at = where + ".address";
+        if (!check_keys(a, at, {"port", "path", "target", "lun"}, error) ||
+            !read_field(a, "port", at, disk.address.port, error) ||
+            !read_field(a, "path", at, disk.address.path, error) ||
+            !read_field(a, "target", at, disk.address.target, error) ||
+            !read_field(a, "lun", at, disk.address.lun, error)) {
+            return false;
+        }
+    }
+    if (!read_bool(d, "scsiPassThrough", where, disk.scsiPassThrough, error) ||
+        !read_bool(d, "ataPassThrough", where, disk.ataPassThrough, error)) {
+        return false;
+    }
+    if (d.contains("getAddressError") &&
+        !read_error_code(d["getAddressError"], where + ".getAddressError", disk.getAddressError,
+                         error)) {
+        return false;
+    }
+    return true;
+}
+
+bool read_call_fault(const json& f, const std::string& where, CallFault& fault,
+                     std::string& error) {
+    if (!check_keys(f, where, {"function", "ioctl", "nth", "call", "onward", "error"}, error) ||
+        !read_text(f, "function", where, fault.function, error)) {
+        return false;
+    }
+    if (!fault.function.empty() && fault.function != "CreateFileW" &&
+        fault.function != "DeviceIoControl" && fault.function != "CloseHandle" &&
+        fault.function != "CommandLineToArgvW") {
+        return fail(error, where + ".function",
+                    "\"" + fault.function +
+                        "\" cannot fail (CreateFileW, DeviceIoControl, CloseHandle, "
+                        "CommandLineToArgvW can)");
+    }
+    if (f.contains("ioctl") &&
+        !read_control_code(f["ioctl"], where + ".ioctl", fault.ioControlCode, error)) {
+        return false;
+    }
+    if (!read_field(f, "nth", where, fault.nth, error) ||
+        !read_field(f, "call", where, fault.call, error) ||
+        !read_bool(f, "onward", where, fault.onward, error)) {
+        return false;
+    }
+    if (!f.contains("error")) {
+        return fail(error, where,
+                    "needs an \"error\" (a number or a name such as ERROR_IO_DEVICE)");
+    }
+    return read_error_code(f["error"], where + ".error", fault.error, error);
+}
+
+bool read_command_fault(const json& f, const std::string& where, CommandFault& fault,
+                        std::string& error) {
+    if (!check_keys(f, where,
+                    {"command", "features", "drive", "nth", "onward", "execute", "status", "error",
+                     "moved", "scsiStatus", "sense"},
+                    error)) {
+        return false;
+    }
+    if (!f.contains("command")) {
+        return fail(error, where, "needs a \"command\" opcode");
+    }
+    if (!read_field(f, "command", where, fault.command, error) ||
+        !read_text(f, "drive", where, fault.drive, error) ||
+        !read_field(f, "nth", where, fault.nth, error) ||
+        !read_bool(f, "onward", where, fault.onward, error) ||
+        !read_bool(f, "execute", where, fault.execute, error) ||
+        !read_field(f, "status", where, fault.status, error) ||
+        !read_field(f, "error", where, fault.error, error)) {
+        return false;
+    }
+    if (f.contains("features")) {
+        std::uint8_t features = 0;
+        if (!read_field(f, "features", where, features, error)) {
+            return false;
+        }
+        fault.features = features;
+    }
+    if (f.contains("moved")) {
+        std::uint32_t moved = 0;
+        if (!read_field(f, "moved", where, moved, error)) {
+            return false;
+        }
+        fault.moved = moved;
+    }
+    if (f.contains("scsiStatus")) {
+        std::uint8_t status = 0;
+        if (!read_field(f, "scsiStatus", where, status, error)) {
+            return false;
+        }
+        fault.scsiStatus = status;
+    }
+    if (f.contains("sense")) {
+        const json& sense = f["sense"];
+        if (!sense.is_array() || sense.size() > 252) {
+            return fail(error, where + ".sense", "must be an array of at most 252 bytes");
+        }
+        for (std::size_t i = 0; i < sense.size(); ++i) {
+            std::uint64_t byte = 0;
+            if (!read_number(sense[i], where + ".sense[" + std::to_string(i) + "]", 255, byte,
+                             error)) {
+                return false;
+            }
+            fault.sense.push_back(static_cast<std::uint8_t>(byte));
+        }
+    }
+    return true;
+}
+
+bool read_machine(const json& document, const std::string& baseDir, Machine& m,
+                  std::string& error) {
+    if (!check_keys(document, "machine", {"drives", "disks", "controllers", "faults"}, error)) {
+        return false;
+    }
+    const auto array = [&](const char* key, const json*& out) {
+        out = nullptr;
+        if (!document.contains(key)) {
+            return true;
+        }
+        if (!document[key].is_array()) {
+            return fail(error, key, "must be an array");
+        }
+        out = &document[key];
+        return true;
+    };
+    const json* drives = nullptr;
+    const json* disks = nullptr;
+    const json* controllers = nullptr;
+    if (!array("drives", drives) || !array("disks", disks) || !array("controllers", controllers)) {
+        return false;
+    }
+    for (std::size_t i = 0; drives != nullptr && i < drives->size(); ++i) {
+        const std::string where = "drives[" + std::to_string(i) + "]";
+        Drive drive;
+        if (!read_drive((*drives)[i], where, baseDir, drive, error)) {
+            return false;
+        }
+        if (find_drive(m, drive.id) != nullptr) {
+            return fail(error, where + ".id", "\"" + drive.id + "\" is used twice");
+        }
+        m.drives.push_back(std::move(drive));
+        const json& d = (*drives)[i];
+        if (d.contains("failDownload")) {
+            CommandFault fault;
+            fault.command = 0x92;
+            fault.drive = m.drives.back().id;
+            if (!read_field(d, "failDownload", where, fault.nth, error)) {
+                return false;
+            }
+            m.faults.commands.push_back(fault);
+        }
+    }
+    for (std::size_t i = 0; disks != nullptr && i < disks->size(); ++i) {
+        const std::string where = "disks[" + std::to_string(i) + "]";
+        Disk disk;
+        if (!read_disk((*disks)[i], where, disk, error)) {
+            return false;
+        }
+        if (find_drive(m, disk.driveId) == nullptr) {
+            return fail(error, where + ".drive", "no drive with id \"" + disk.driveId + "\"");
+        }
+        m.disks.push_back(std::move(disk));
+    }
+    for (std::size_t i = 0; controllers != nullptr && i < controllers->size(); ++i) {
+        const std::string where = "controllers[" + std::to_string(i) + "]";
+        CsmiController controller;
+        std::string reason;
+        if (!csmi_controller_from_json((*controllers)[i], controller, reason)) {
+            return fail(error, where, reason);
+        }
+        m.controllers.push_back(std::move(controller));
+    }
+    if (document.contains("faults")) {
+        const json& faults = document["faults"];
+        if (!check_keys(faults, "faults", {"calls", "commands"}, error)) {
+            return false;
+        }
+        for (const char* key : {"calls", "commands"}) {
+            if (faults.contains(key) && !faults[key].is_array()) {
+                return fail(error, std::string("faults.") + key, "must be an array");
+            }
+        }
+        for (std::size_t i = 0; faults.contains("calls") && i < faults["calls"].size(); ++i) {
+            CallFault fault;
+            if (!read_call_fault(faults["calls"][i], "faults.calls[" + std::to_string(i) + "]",
+                                 fault, error)) {
+                return false;
+            }
+            m.faults.calls.push_back(fault);
+        }
+        for (std::size_t i = 0; faults.contains("commands") && i < faults["commands"].size(); ++i) {
+            CommandFault fault;
+            if (!read_command_fault(faults["commands"][i],
+                                    "faults.commands[" + std::to_string(i) + "]", fault, error)) {
+                return false;
+            }
+            m.faults.commands.push_back(fault);
+        }
+    }
+    return true;
+}
+
+json drive_state(const Drive& drive) {
+    json state = json::object();
+    state["firmware"] = bytes_text_json(firmware_revision(drive));
+    if (drive.deferred) {
+        char crc[16];
+        std::snprintf(crc, sizeof crc, "0x%08X", static_cast<unsigned>(drive.deferred->crc));
+        state["deferred"] = {{"revision", bytes_text_json(drive.deferred->revision)},
+                             {"length", drive.deferred->length},
+                             {"crc32", crc}};
+    } else {
+        state["deferred"] = nullptr;
+    }
+    return state;
+}
+
+std::string folder_of(const std::string& path) {
+    const std::size_t slash = path.find_last_of("/\\");
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+} // namespace
+
+bool load_machine(const std::string& text, const std::string& baseDir, std::string& error) {
+    reset_machine();
+    Machine& m = machine();
+    error.clear();
+    json document;
+    try {
+        document = json::parse(text);
+    } catch (const json::parse_error& e) {
+        error = std::string("not valid JSON: ") + e.what();
+        return false;
+    }
+    if (!read_machine(document, baseDir, m, error)) {
+        reset_machine();
+        return false;
+    }
+    m.document = std::move(document);
+    return true;
+}
+
+bool load_machine_file(const std::string& path, std::string& error) {
+    std::string text;
+    if (!read_file(path, text)) {
+        reset_machine();
+        error = "cannot read the machine file";
+        return false;
+    }
+    return load_machine(text, folder_of(path), error);
+}
+
+json machine_document_with_state() {
+    Machine& m = machine();
+    json document = m.document.is_object() ? m.document : json::object();
+    if (document.contains("drives") && document["drives"].is_array()) {
+        json& drives = document["drives"];
+        for (std::size_t i = 0; i < drives.size() && i < m.drives.size(); ++i) {
+            drives[i]["state"] = drive_state(m.drives[i]);
+        }
+    }
+    return document;
+}
+
+bool save_machine_file(const std::string& path, std::string& error) {
+    const std::string text = machine_document_with_state().dump(2) + "\n";
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (!file) {
+        error = "cannot write the machine file";
+        return false;
+    }
+    file << text;
+    file.close();
+    if (!file) {
+        error = "cannot write the machine file";
+        return false;
+    }
+    return true;
+}
+
+json demo_machine() {
+    return json{
+        {"comment", "The built-in demo machine of quenmark-sim."},
+        {"drives",
+         json::array({{{"id", "ssd0"},
+                       {"model", "QSIM SATA SSD 512GB"},
+                       {"serial", "QS0000000001"},
+                       {"firmware", "QS010001"},
+                       {"words", {{"69", "0x0100"}, {"128", "0x0021"}, {"234", 1}, {"235", 2048}}},
+                       {"identifyLog", {{"dmOffsetsDeferred", true}}}},
+                      {{"id", "hdd1"},
+                       {"model", "QSIM SATA HDD 2TB"},
+                       {"serial", "QH0000000002"},
+                       {"firmware", "QH010001"},
+                       {"words",
+                        {{"80", "0x01F0"},
+                         {"119", "0x4000"},
+                         {"128", "0x0001"},
+                         {"217", 7200},
+                         {"234", 0},
+                         {"235", 0}}},
+                       {"identifyLog", {{"dmOffsetsDeferred", false}}},
+                       {"downloadModes", json::array({7})}}})},
+        {"disks",
+         json::array({{{"path", "\\\\.\\PhysicalDrive0"},
+                       {"drive", "ssd0"},
+                       {"address", {{"port", 0}, {"path", 0}, {"target", 0}, {"lun", 0}}}},
+                      {{"path", "\\\\.\\PhysicalDrive1"},
+                       {"drive", "hdd1"},
+                       {"address", {{"port", 1}, {"path", 0}, {"target", 0}, {"lun", 0}}}}})}};
+}
+
+} // namespace sim
