@@ -2,6 +2,8 @@
 #include "transport/transport.hpp"
 
 Status issue_csmi_command(DeviceContext& context) {
-    (void)context;
-    return Status::Failed;
+    if (context.handle == INVALID_HANDLE_VALUE) {
+        return Status::Failed;
+    }
+    return issue_stp_passthru(context);
 }
