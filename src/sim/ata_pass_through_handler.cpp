@@ -53,7 +53,8 @@ win32::DWORD ata_pass_through_handler(Machine& m, const Disk& disk, std::uint8_t
     const bool in = (flags & kFlagDataIn) != 0;
     const bool out = (flags & kFlagDataOut) != 0;
     if (recordLength != kRecordBytes || (in && out) || timeout == 0 || flags > 0x3F ||
-        ((in || out) && length != 0 && data == nullptr)) {
+        ((in || out) && length != 0 && data == nullptr) ||
+        (disk.maxTransferBytes != 0 && length > disk.maxTransferBytes)) {
         return ERROR_INVALID_PARAMETER;
     }
     const DataPhase phase = length == 0 ? DataPhase::None

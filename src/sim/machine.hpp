@@ -31,6 +31,9 @@ struct Disk {
     bool scsiPassThrough = true;      // a SAT bridge behind IOCTL_SCSI_PASS_THROUGH_DIRECT
     bool ataPassThrough = true;       // IOCTL_ATA_PASS_THROUGH_DIRECT
     win32::DWORD getAddressError = 0; // not 0: IOCTL_SCSI_GET_ADDRESS fails with this error
+    // The adapter's largest data phase; a longer pass-through fails with ERROR_INVALID_PARAMETER,
+    // as the port driver refuses it. 0: no limit.
+    std::uint32_t maxTransferBytes = 0;
 };
 
 struct OpenHandle {

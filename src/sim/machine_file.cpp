@@ -378,10 +378,10 @@ bool read_drive(const json& d, const std::string& where, const std::string& base
 }
 
 bool read_disk(const json& d, const std::string& where, Disk& disk, std::string& error) {
-    if (!check_keys(
-            d, where,
-            {"path", "drive", "address", "scsiPassThrough", "ataPassThrough", "getAddressError"},
-            error)) {
+    if (!check_keys(d, where,
+                    {"path", "drive", "address", "scsiPassThrough", "ataPassThrough",
+                     "getAddressError", "maxTransferBytes"},
+                    error)) {
         return false;
     }
     std::string path;
@@ -404,7 +404,8 @@ bool read_disk(const json& d, const std::string& where, Disk& disk, std::string&
         }
     }
     if (!read_bool(d, "scsiPassThrough", where, disk.scsiPassThrough, error) ||
-        !read_bool(d, "ataPassThrough", where, disk.ataPassThrough, error)) {
+        !read_bool(d, "ataPassThrough", where, disk.ataPassThrough, error) ||
+        !read_field(d, "maxTransferBytes", where, disk.maxTransferBytes, error)) {
         return false;
     }
     if (d.contains("getAddressError") &&
