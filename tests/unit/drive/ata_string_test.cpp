@@ -38,7 +38,7 @@ INSTANTIATE_TEST_SUITE_P(
                     AtaStringCase{"NulPaddingIsKept", std::string("FW01\0\0\0\0", 8),
                                   std::string("FW01\0\0\0\0", 8)},
                     AtaStringCase{"AllBlanksIsEmpty", "        ", ""},
-                    AtaStringCase{"TabsAndLineEndsAreTrimmed", "\t\r\nMODEL X\v  ", "MODEL X"},
+                    AtaStringCase{"TabsAndLineEndsAreTrimmed", "\t\r\nMODEL X\v   ", "MODEL X"},
                     AtaStringCase{"InnerBlanksStay", "A B  C  ", "A B  C"},
                     AtaStringCase{"LeadingNulStopsTrimming", std::string("\0 AB    ", 8),
                                   std::string("\0 AB", 4)}),
