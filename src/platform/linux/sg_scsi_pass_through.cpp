@@ -1,0 +1,84 @@
+#include "platform/linux/sg_scsi_pass_through.hpp"
+
+#include <cstdint>
+#include <cstring>
+
+#include "platform/linux/sg_io.hpp"
+
+namespace linux_backend {
+namespace {
+
+constexpr win32::DWORD kRecordSize = sizeof(win32::SCSI_PASS_THROUGH_DIRECT);
+
+} // namespace
+
+win32::DWORD sg_scsi_pass_through(int fd, const void* in, win32::DWORD inSize, void* out,
+                                  win32::DWORD outSize, win32::DWORD& bytesReturned) {
+    if (in == nullptr || out == nullptr || inSize < kRecordSize || outSize < kRecordSize) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    win32::SCSI_PASS_THROUGH_DIRECT request;
+    std::memcpy(&request, in, kRecordSize);
+    if (request.Length != kRecordSize || request.CdbLength == 0 ||
+        request.CdbLength > sizeof request.Cdb) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    // The sense area must lie in the output buffer, after the record.
+    const std::uint64_t senseEnd =
+        std::uint64_t{request.SenseInfoOffset} + std::uint64_t{request.SenseInfoLength};
+    if (request.SenseInfoLength != 0 &&
+        (request.SenseInfoOffset < kRecordSize || senseEnd > outSize)) {
+        return ERROR_INVALID_PARAMETER;
+    }
+
+    DataPhase phase = DataPhase::None;
+    switch (request.DataIn) {
+    case SCSI_IOCTL_DATA_IN:
+        phase = DataPhase::In;
+        break;
+    case SCSI_IOCTL_DATA_OUT:
+        phase = request.DataTransferLength != 0 ? DataPhase::Out : DataPhase::None;
+        break;
+    case SCSI_IOCTL_DATA_UNSPECIFIED:
+        // A length with no direction cannot be carried without guessing one.
+        if (request.DataTransferLength != 0) {
+            return ERROR_INVALID_PARAMETER;
+        }
+        break;
+    default:
+        return ERROR_INVALID_PARAMETER;
+    }
+    if (phase != DataPhase::None &&
+        (request.DataTransferLength == 0 || request.DataBuffer == nullptr)) {
+        return ERROR_INVALID_PARAMETER;
+    }
+
+    std::uint8_t sense[255] = {};
+    const SgCommand command{request.Cdb,
+                            request.CdbLength,
+                            phase,
+                            request.DataBuffer,
+                            request.DataTransferLength,
+                            request.TimeOutValue,
+                            sense,
+                            request.SenseInfoLength};
+    const SgOutcome outcome = send_sg_io(fd, command);
+    if (outcome.error != ERROR_SUCCESS) {
+        return outcome.error;
+    }
+
+    auto* bytes = static_cast<std::uint8_t*>(out);
+    request.ScsiStatus = outcome.scsiStatus;
+    request.DataTransferLength = outcome.moved;
+    if (request.SenseInfoLength != 0) {
+        std::memset(bytes + request.SenseInfoOffset, 0, request.SenseInfoLength);
+        std::memcpy(bytes + request.SenseInfoOffset, sense, outcome.senseLength);
+    }
+    request.SenseInfoLength = outcome.senseLength;
+    std::memcpy(bytes, &request, kRecordSize);
+    bytesReturned =
+        outcome.senseLength != 0 ? request.SenseInfoOffset + outcome.senseLength : kRecordSize;
+    return ERROR_SUCCESS;
+}
+
+} // namespace linux_backend

@@ -1,0 +1,19 @@
+// Arguments and paths cross between the program's wide text (UTF-32 here) and the kernel's
+// bytes as UTF-8.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace linux_backend {
+
+// Bytes that are no UTF-8 (a stray continuation byte, a truncated, overlong or surrogate
+// sequence, a value above U+10FFFF) become U+FFFD one byte at a time, so such a name never
+// silently turns into another existing one.
+std::wstring decode_utf8(std::string_view bytes);
+
+// False when the text holds a character that UTF-8 cannot carry (a surrogate, a value above
+// U+10FFFF) or a NUL, which would cut the name short at the kernel.
+bool encode_utf8(std::wstring_view text, std::string& bytes);
+
+} // namespace linux_backend
