@@ -182,6 +182,9 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode, void*
         }
     }
     m.handles.push_back(entry);
+    // kernel32 clears the last error when OPEN_EXISTING succeeds; callers that judge a later
+    // request by GetLastError alone depend on it.
+    m.lastError = ERROR_SUCCESS;
     const HANDLE handle = handle_value(m.handles.size() - 1);
     call.record.result = "handle=" + handle_text(handle);
     return handle;
