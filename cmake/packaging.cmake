@@ -17,10 +17,11 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "Quenmark developers <dev@quenmark.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "firmware download utility for SATA disk drives")
 set(CPACK_PACKAGE_DESCRIPTION
-  "Quenmark writes new firmware into SATA disk drives with the ATA command DOWNLOAD MICROCODE\n\
-and activates it. It reaches a drive through SCSI pass-through with SAT ATA PASS-THROUGH(16)\n\
-(SG_IO on /dev/sdX or /dev/sgN), refuses drives whose ATA security state forbids an update,\n\
-and reports the outcome in its exit code, for scripts that update fleets of machines.")
+  "Quenmark writes new firmware into SATA disk drives with the ATA command\n\
+DOWNLOAD MICROCODE and activates it. It reaches a drive through SCSI\n\
+pass-through with SAT ATA PASS-THROUGH(16) (SG_IO on /dev/sdX or /dev/sgN),\n\
+refuses drives whose ATA security state forbids an update, and reports the\n\
+outcome in its exit code, for scripts that update fleets of machines.")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_CHECKSUM SHA256)
 
