@@ -71,8 +71,8 @@ AtaSenseReading read_descriptor_format(const std::uint8_t* sense, std::size_t wr
 // Fixed format. With VALID set the registers stand where SAT puts them: Error, Status, Device
 // and Count in the INFORMATION field (bytes 3 to 6), LBA (7:0) to (23:16) in bytes 9 to 11.
 // Without it they stand where libata put them until Linux 6.10: Error, Status, Device, Count in
-// bytes 8 to 11 and LBA (7:0) to (23:16) from byte 16, past the 18 bytes it reports, so only
-// what was written is taken.
+// bytes 8 to 11 and LBA (7:0) to (23:16) in bytes 17 to 19, of which its 18 bytes of sense data
+// hold only the first; what was not written reads as 0.
 AtaSenseReading read_fixed_format(const std::uint8_t* sense, std::size_t written) {
     if (written > 12) {
         const AtaSenseVerdict refused = refusal(sense[2], sense[12]);
@@ -98,9 +98,9 @@ AtaSenseReading read_fixed_format(const std::uint8_t* sense, std::size_t written
         reading.current[Status] = byte(9);
         reading.current[Device] = byte(10);
         reading.current[Count] = byte(11);
-        reading.current[LbaLow] = byte(16);
-        reading.current[LbaMid] = byte(17);
-        reading.current[LbaHigh] = byte(18);
+        reading.current[LbaLow] = byte(17);
+        reading.current[LbaMid] = byte(18);
+        reading.current[LbaHigh] = byte(19);
     }
     return reading;
 }

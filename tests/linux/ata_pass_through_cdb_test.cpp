@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "platform/linux/ata_pass_through_cdb.hpp"
+
+namespace {
+
+using linux_backend::AtaPassThroughCdb;
+using linux_backend::build_ata_pass_through_cdb;
+using linux_backend::DataPhase;
+
+std::uint8_t buffer[512];
+
+win32::ATA_PASS_THROUGH_DIRECT request(win32::USHORT flags, win32::ULONG length,
+                                       std::vector<std::uint8_t> current,
+                                       std::vector<std::uint8_t> previous = {}) {
+    win32::ATA_PASS_THROUGH_DIRECT r;
+    std::memset(&r, 0, sizeof r);
+    r.Length = sizeof r;
+    r.AtaFlags = flags;
+    r.DataTransferLength = length;
+    r.DataBuffer = length != 0 ? buffer : nullptr;
+    r.TimeOutValue = 5;
+    std::memcpy(r.CurrentTaskFile, current.data(), current.size());
+    std::memcpy(r.PreviousTaskFile, previous.data(), previous.size());
+    return r;
+}
+
+struct CdbCase {
+    const char* name;
+    win32::ATA_PASS_THROUGH_DIRECT request;
+    std::vector<std::uint8_t> cdb;
+    DataPhase phase;
+};
+
+class AtaPassThroughCdbBytes : public testing::TestWithParam<CdbCase> {};
+
+TEST_P(AtaPassThroughCdbBytes, CarriesTheTaskFileWithCheckCondition) {
+    const CdbCase& c = GetParam();
+    AtaPassThroughCdb cdb;
+    ASSERT_TRUE(build_ata_pass_through_cdb(c.request, cdb));
+    EXPECT_EQ(std::vector<std::uint8_t>(cdb.bytes, cdb.bytes + 16), c.cdb);
+    EXPECT_EQ(cdb.phase, c.phase);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Commands, AtaPassThroughCdbBytes,
+    testing::Values(
+        // PIO Data-In, T_DIR, BYT_BLOK, T_LENGTH in Count, CK_COND.
+        CdbCase{"IdentifyDevice",
+                request(0x03, 512, {0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0xEC}),
+                {0x85, 0x08, 0x2E, 0, 0, 0, 0x01, 0, 0, 0, 0, 0, 0, 0, 0xEC, 0},
+                DataPhase::In},
+        // A 28-bit command sends no high bytes, whatever PreviousTaskFile holds.
+        CdbCase{"TwentyEightBitIgnoresPreviousTaskFile",
+                request(0x03, 512, {0x0B, 0x01, 0xDB, 0x97, 0x20, 0x00, 0xEC},
+                        {0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),
+                {0x85, 0x08, 0x2E, 0, 0x0B, 0, 0x01, 0, 0xDB, 0, 0x97, 0, 0x20, 0, 0xEC, 0},
+                DataPhase::In},
+        CdbCase{
+            "ReadLogExtPairsHighAndLowBytes",
+            request(0x0B, 512, {0x00, 0x01, 0x30, 0x03, 0x00, 0x00, 0x2F},
+                    {0xA1, 0xA2, 0xA3, 0xA4, 0xA5}),
+            {0x85, 0x09, 0x2E, 0xA1, 0, 0xA2, 0x01, 0xA3, 0x30, 0xA4, 0x03, 0xA5, 0, 0, 0x2F, 0},
+            DataPhase::In},
+        // PIO Data-Out, no T_DIR.
+        CdbCase{"DownloadMicrocodeSegment",
+                request(0x05, 32768, {0x03, 0x40, 0x00, 0x40, 0x00, 0x40, 0x92}),
+                {0x85, 0x0A, 0x26, 0, 0x03, 0, 0x40, 0, 0x00, 0, 0x40, 0, 0x00, 0x40, 0x92, 0},
+                DataPhase::Out},
+        // Non-data protocol, no length at all.
+        CdbCase{"ActivateWithoutData",
+                request(0x01, 0, {0x0F, 0x00, 0x10, 0x00, 0x00, 0x40, 0x92}),
+                {0x85, 0x06, 0x20, 0, 0x0F, 0, 0x00, 0, 0x10, 0, 0, 0, 0, 0x40, 0x92, 0},
+                DataPhase::None}),
+    [](const testing::TestParamInfo<CdbCase>& info) { return info.param.name; });
+
+struct RefusedCase {
+    const char* name;
+    win32::ATA_PASS_THROUGH_DIRECT request;
+};
+
+class AtaPassThroughCdbRefused : public testing::TestWithParam<RefusedCase> {};
+
+TEST_P(AtaPassThroughCdbRefused, NothingIsBuiltFromADoubtfulRequest) {
+    AtaPassThroughCdb cdb;
+    EXPECT_FALSE(build_ata_pass_through_cdb(GetParam().request, cdb));
+}
+
+win32::ATA_PASS_THROUGH_DIRECT with_length_field(win32::USHORT length) {
+    win32::ATA_PASS_THROUGH_DIRECT r = request(0x03, 512, {0, 1, 0, 0, 0, 0, 0xEC});
+    r.Length = length;
+    return r;
+}
+
+win32::ATA_PASS_THROUGH_DIRECT without_buffer() {
+    win32::ATA_PASS_THROUGH_DIRECT r = request(0x05, 512, {0x07, 1, 0, 0, 0, 0x40, 0x92});
+    r.DataBuffer = nullptr;
+    return r;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Requests, AtaPassThroughCdbRefused,
+    testing::Values(RefusedCase{"WrongLength", with_length_field(40)},
+                    RefusedCase{"BothDirections", request(0x07, 512, {0, 1, 0, 0, 0, 0, 0xEC})},
+                    // ATA_FLAGS_USE_DMA: this backend sends PIO only.
+                    RefusedCase{"DmaFlag", request(0x13, 512, {0, 1, 0, 0, 0, 0, 0xC8})},
+                    RefusedCase{"UnknownFlag", request(0x41, 0, {0, 0, 0, 0, 0, 0, 0xE5})},
+                    RefusedCase{"DataInWithoutLength", request(0x03, 0, {0, 1, 0, 0, 0, 0, 0xEC})},
+                    RefusedCase{"DataOutWithoutBuffer", without_buffer()},
+                    RefusedCase{"LengthWithoutDirection",
+                                request(0x01, 512, {0, 1, 0, 0, 0, 0, 0xEC})}),
+    [](const testing::TestParamInfo<RefusedCase>& info) { return info.param.name; });
+
+} // namespace
