@@ -1,0 +1,334 @@
+#!/usr/bin/env python3
+"""The Linux build against the Linux kernel's own SAT layer: one QEMU boot (software emulation)
+with an AHCI disk, an ATAPI CD-ROM on the same controller and a SCSI disk on virtio-scsi. Every
+case runs inside the VM; stdout, stderr, the exit code and the ATA commands libata issued come
+back to the host over a second serial port and are compared byte for byte.
+
+A case is a folder of tests/qemu/expected:
+  args          one argument per line (UTF-8), without the program name
+  user          run as this user (nobody) instead of root (optional)
+  hold          run in the background and start the next case this many seconds later; the
+                two then overlap (optional)
+  stdout, stderr, exit
+                what the run must print and return
+  ata-commands  the ATA commands libata issued during the run, one per line: port, command,
+                the task file as libata traces it, protocol (optional; an empty file says that
+                no ATA command was issued; --update rewrites only the files that exist)
+
+Usage: qemu_suite.py --exe build/linux/quenmark [--update] [--keep] [CASE...]
+Device names in the VM are fixed by the order in which the drivers are loaded: /dev/sda and
+/dev/sg0 are the AHCI disk, /dev/sr0 and /dev/sg1 the CD-ROM, /dev/sdb and /dev/sg2 the SCSI disk.
+"""
+import argparse
+import base64
+import glob
+import gzip
+import io
+import os
+import re
+import shutil
+import stat
+import subprocess
+import sys
+import tarfile
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+EXPECTED = os.path.join(HERE, "expected")
+
+# What QEMU tells the AHCI disk to report; the transcripts show these texts.
+DISK_MODEL = "QUENMARK SAT TEST DRIVE"
+DISK_SERIAL = "QMS0123456789"
+DISK_FIRMWARE = "QF1.02A"
+
+# The modules the VM needs, loaded in this order: the upper drivers first, so that each disk
+# gets its names as its controller appears; the AHCI controller before virtio-scsi.
+MODULES = ["sd_mod", "sr_mod", "sg", "ahci", "virtio_pci", "virtio_scsi"]
+
+# Firmware images in the VM's working folder: name and size. The bytes are a fixed pattern.
+IMAGES = [("fw-70000.bin", 70000)]
+
+BOOT_TIMEOUT = 240
+BEGIN = b"QUENMARK-RESULTS-BEGIN"
+END = b"QUENMARK-RESULTS-END"
+
+
+def fail(message):
+    print("qemu suite: " + message, file=sys.stderr)
+    sys.exit(2)
+
+
+def find_kernel():
+    """The newest installed Debian kernel whose modules are there too."""
+    found = []
+    for image in glob.glob("/boot/vmlinuz-*"):
+        version = image[len("/boot/vmlinuz-"):]
+        if os.path.isfile("/lib/modules/%s/modules.dep" % version):
+            found.append((version, image))
+    if not found:
+        fail("no kernel with modules under /boot and /lib/modules (apt-get install linux-image-amd64)")
+    found.sort(key=lambda item: [int(p) if p.isdigit() else p for p in re.split(r"[.-]", item[0])])
+    return found[-1]
+
+
+def module_files(version, names):
+    """The .ko files of names and everything they depend on, dependencies first."""
+    root = "/lib/modules/" + version
+    deps = {}
+    with open(os.path.join(root, "modules.dep")) as f:
+        for line in f:
+            path, _, rest = line.partition(":")
+            deps[path] = rest.split()
+    by_name = {}
+    for path in deps:
+        name = os.path.basename(path).split(".ko")[0].replace("-", "_")
+        by_name[name] = path
+    builtin = set()
+    builtin_file = os.path.join(root, "modules.builtin")
+    if os.path.exists(builtin_file):
+        with open(builtin_file) as f:
+            builtin = {os.path.basename(l.strip()).split(".ko")[0].replace("-", "_") for l in f}
+    order = []
+
+    def add(path):
+        if path in order:
+            return
+        # modules.dep lists each module's dependencies so that the last one is loaded first.
+        for dep in reversed(deps[path]):
+            add(dep)
+        order.append(path)
+
+    for name in names:
+        if name in builtin:
+            continue
+        if name not in by_name:
+            fail("kernel %s has no module %s" % (version, name))
+        add(by_name[name])
+    return [os.path.join(root, p) for p in order]
+
+
+class Cpio:
+    """A newc archive, the format the kernel unpacks as its initramfs."""
+
+    def __init__(self):
+        self.out = io.BytesIO()
+        self.inode = 1
+
+    def _entry(self, name, mode, data=b""):
+        name_bytes = name.encode() + b"\0"
+        header = "070701" + "".join("%08X" % v for v in (
+            self.inode, mode, 0, 0, 1, 0, len(data), 0, 0, 0, 0, len(name_bytes), 0))
+        self.inode += 1
+        self.out.write(header.encode() + name_bytes)
+        self.out.write(b"\0" * (-(110 + len(name_bytes)) % 4))
+        self.out.write(data)
+        self.out.write(b"\0" * (-len(data) % 4))
+
+    def directory(self, name):
+        self._entry(name, stat.S_IFDIR | 0o755)
+
+    def file(self, name, data, mode=0o644):
+        self._entry(name, stat.S_IFREG | mode, data)
+
+    def finish(self):
+        self._entry("TRAILER!!!", 0)
+        return gzip.compress(self.out.getvalue(), compresslevel=1)
+
+
+def image_bytes(size):
+    pattern = bytes((i * 7 + 3) & 0xFF for i in range(256))
+    return (pattern * (size // 256 + 1))[:size]
+
+
+def find_cases(names):
+    cases = sorted(d for d in os.listdir(EXPECTED) if os.path.isfile(os.path.join(EXPECTED, d, "args")))
+    if names:
+        unknown = [n for n in names if n not in cases]
+        if unknown:
+            fail("no such case: " + " ".join(unknown))
+        cases = [c for c in cases if c in names]
+    return cases
+
+
+def build_initramfs(exe, modules, cases):
+    with open("/bin/busybox", "rb") as f:
+        if b"ld-linux" in f.read(1 << 16):
+            fail("/bin/busybox is not the static one (apt-get install busybox-static)")
+    archive = Cpio()
+    for d in ("bin", "dev", "etc", "proc", "sys", "tmp", "modules", "cases", "work", "results"):
+        archive.directory(d)
+    archive.file("etc/passwd", b"root:x:0:0:root:/:/bin/sh\nnobody:x:65534:65534:nobody:/work:/bin/sh\n")
+    archive.file("etc/group", b"root:x:0:\nnogroup:x:65534:\n")
+    with open("/bin/busybox", "rb") as f:
+        archive.file("bin/busybox", f.read(), 0o755)
+    with open(exe, "rb") as f:
+        archive.file("bin/quenmark", f.read(), 0o755)
+    with open(os.path.join(HERE, "init.sh"), "rb") as f:
+        archive.file("init", f.read(), 0o755)
+    names = []
+    for path in modules:
+        name = os.path.basename(path)
+        names.append(name)
+        with open(path, "rb") as f:
+            archive.file("modules/" + name, f.read())
+    archive.file("modules/order", ("\n".join(names) + "\n").encode())
+    for name, size in IMAGES:
+        archive.file("work/" + name, image_bytes(size))
+    for case in cases:
+        archive.directory("cases/" + case)
+        for item in ("args", "user", "hold"):
+            path = os.path.join(EXPECTED, case, item)
+            if os.path.exists(path):
+                with open(path, "rb") as f:
+                    archive.file("cases/%s/%s" % (case, item), f.read())
+    archive.file("cases/order", ("\n".join(cases) + "\n").encode())
+    return archive.finish()
+
+
+def run_vm(kernel, initramfs, work):
+    for name in ("ahci-disk.img", "scsi-disk.img"):
+        with open(os.path.join(work, name), "wb") as f:
+            f.truncate(64 << 20)
+    initrd = os.path.join(work, "initramfs.gz")
+    with open(initrd, "wb") as f:
+        f.write(initramfs)
+    console = os.path.join(work, "console.log")
+    results = os.path.join(work, "results.txt")
+    command = [
+        "qemu-system-x86_64", "-machine", "pc", "-accel", "tcg", "-m", "256", "-smp", "1",
+        "-nodefaults", "-no-reboot", "-display", "none",
+        "-kernel", kernel, "-initrd", initrd,
+        "-append", "console=ttyS0 panic=-1 rdinit=/init scsi_mod.scan=sync loglevel=4",
+        "-serial", "file:" + console, "-serial", "file:" + results,
+        "-device", "ahci,id=ahci",
+        "-drive", "if=none,id=disk0,format=raw,file=" + os.path.join(work, "ahci-disk.img"),
+        "-device", "ide-hd,drive=disk0,bus=ahci.0,model=%s,serial=%s,ver=%s" % (
+            DISK_MODEL, DISK_SERIAL, DISK_FIRMWARE),
+        "-drive", "if=none,id=cd0,media=cdrom",
+        "-device", "ide-cd,drive=cd0,bus=ahci.1",
+        "-device", "virtio-scsi-pci,id=vscsi",
+        "-drive", "if=none,id=disk1,format=raw,file=" + os.path.join(work, "scsi-disk.img"),
+        "-device", "scsi-hd,drive=disk1,bus=vscsi.0",
+    ]
+    started = time.monotonic()
+    try:
+        subprocess.run(command, stdin=subprocess.DEVNULL, timeout=BOOT_TIMEOUT, check=True)
+    except subprocess.TimeoutExpired:
+        print(tail(console))
+        fail("the VM did not finish within %d s (console above)" % BOOT_TIMEOUT)
+    except subprocess.CalledProcessError as error:
+        print(tail(console))
+        fail("qemu-system-x86_64 failed with exit code %d" % error.returncode)
+    elapsed = time.monotonic() - started
+    with open(results, "rb") as f:
+        data = f.read()
+    if BEGIN not in data or END not in data:
+        print(tail(console))
+        fail("the VM came up but sent no results (console above)")
+    encoded = data.split(BEGIN, 1)[1].split(END, 1)[0]
+    payload = base64.b64decode(b"".join(encoded.split()))
+    return tarfile.open(fileobj=io.BytesIO(payload)), elapsed, console
+
+
+def tail(path, lines=40):
+    if not os.path.exists(path):
+        return "(no console output)"
+    with open(path, "rb") as f:
+        return b"\n".join(f.read().splitlines()[-lines:]).decode("utf-8", "replace")
+
+
+def normalise_date(data):
+    return re.sub(rb"Build Date: [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{4}", b"Build Date: <date>", data)
+
+
+# ata_qc_issue in the guest's trace: "ata_port=1 ata_dev=0 tag=1 proto=ATA_PROT_PIO
+# cmd=ATA_CMD_ID_ATA  tf=(ec/00:01:00:00:00:00/a0)" and similar; kept as port, command and task
+# file, without the tag (which varies with the queue) and the timestamps.
+TRACE_LINE = re.compile(rb"ata_qc_issue: ata_port=(\d+) ata_dev=\d+ tag=\d+ proto=(\S+) cmd=(\S+)\s+tf=\((\S+)\)")
+
+
+def normalise_trace(data):
+    lines = []
+    for line in data.splitlines():
+        match = TRACE_LINE.search(line)
+        if match:
+            port, proto, cmd, tf = match.groups()
+            lines.append(b"ata%s %s %s %s" % (port, cmd, tf, proto))
+    return b"".join(l + b"\n" for l in lines)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--exe", required=True)
+    parser.add_argument("--update", action="store_true",
+                        help="write what the VM returned as the expected files")
+    parser.add_argument("--keep", action="store_true", help="keep the work folder")
+    parser.add_argument("cases", nargs="*")
+    options = parser.parse_args()
+    if not os.access(options.exe, os.X_OK):
+        fail("no executable " + options.exe)
+
+    begun = time.monotonic()
+    version, kernel = find_kernel()
+    modules = module_files(version, MODULES)
+    cases = find_cases(options.cases)
+    initramfs = build_initramfs(options.exe, modules, cases)
+    work = tempfile.mkdtemp(prefix="quenmark-qemu.")
+    print("kernel %s, %d modules, %d cases, initramfs %d KiB" % (
+        version, len(modules), len(cases), len(initramfs) // 1024))
+    archive, elapsed, console = run_vm(kernel, initramfs, work)
+    print("VM: booted, ran and powered off in %.1f s" % elapsed)
+
+    def got(case, name):
+        try:
+            member = archive.extractfile("./%s/%s" % (case, name))
+        except KeyError:
+            return None
+        return member.read() if member else None
+
+    passed = failed = 0
+    for case in cases:
+        folder = os.path.join(EXPECTED, case)
+        result = {name: got(case, name) for name in ("stdout", "stderr", "exit", "trace", "seconds")}
+        if result["exit"] is None:
+            failed += 1
+            print("FAIL %s\n  no result came back" % case)
+            continue
+        result["stdout"] = normalise_date(result["stdout"])
+        result["ata-commands"] = normalise_trace(result["trace"] or b"")
+        failures = []
+        for name in ("stdout", "stderr", "exit", "ata-commands"):
+            path = os.path.join(folder, name)
+            if options.update:
+                if name != "ata-commands" or os.path.exists(path):
+                    with open(path, "wb") as f:
+                        f.write(result[name])
+                continue
+            if not os.path.exists(path):
+                if name != "ata-commands":
+                    failures.append("%s: no expected file" % name)
+                continue
+            with open(path, "rb") as f:
+                expected = f.read()
+            if expected != result[name]:
+                failures.append("%s differs\n--- expected\n%s\n--- got\n%s" % (
+                    name, expected.decode("utf-8", "replace"),
+                    result[name].decode("utf-8", "replace")))
+        seconds = (result["seconds"] or b"?").decode().strip()
+        if failures:
+            failed += 1
+            print("FAIL %s (%s s)\n  %s" % (case, seconds, "\n  ".join(failures)))
+        else:
+            passed += 1
+            print("ok   %s (%s s)" % (case, seconds))
+    if options.keep or failed:
+        print("work folder: " + work)
+    else:
+        shutil.rmtree(work, ignore_errors=True)
+    print("%d passed, %d failed (%.1f s in all)" % (passed, failed, time.monotonic() - begun))
+    return 1 if failed or not cases else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# The Linux build (build/linux/quenmark) inside one QEMU VM, against the Linux kernel's own SAT
+# layer: an AHCI disk, an ATAPI CD-ROM and a virtio-scsi disk. Builds what it needs, installs
+# Debian's qemu-system-x86, linux-image-amd64 and busybox-static when they are missing, prints
+# one line per case and 'N passed, N failed', and exits non-zero on any mismatch.
+#   bash tests/qemu/run.sh [--update] [--keep] [CASE...]
+set -euo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+cd "$root"
+
+missing=()
+command -v qemu-system-x86_64 >/dev/null || missing+=(qemu-system-x86)
+compgen -G "/boot/vmlinuz-*" >/dev/null || missing+=(linux-image-amd64)
+dpkg-query -W -f='${Status}' busybox-static 2>/dev/null | grep -q "ok installed" ||
+  missing+=(busybox-static)
+if ((${#missing[@]})); then
+  echo "installing ${missing[*]}"
+  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
+    --no-install-recommends "${missing[@]}"
+fi
+
+started=$SECONDS
+cmake --preset linux >/dev/null
+cmake --build build/linux -j"${JOBS:-2}" --target quenmark
+echo "build: $((SECONDS - started)) s"
+exec python3 tests/qemu/qemu_suite.py --exe build/linux/quenmark "$@"
