@@ -20,6 +20,8 @@ done
 
 tracing=/sys/kernel/tracing
 echo 1 >"$tracing/events/libata/ata_qc_issue/enable"
+stty -F /dev/ttyS1 raw -echo
+echo QUENMARK-VM-UP >/dev/ttyS1
 
 uptime_cs() {
     read -r up _ </proc/uptime
@@ -67,7 +69,6 @@ while read -r name; do
     fi
 done </cases/order
 
-stty -F /dev/ttyS1 raw -echo
 {
     echo QUENMARK-RESULTS-BEGIN
     cd /results && tar -cf - . | base64
