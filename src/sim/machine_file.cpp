@@ -300,8 +300,10 @@ bool read_drive(const json& d, const std::string& where, const std::string& base
             patched = true;
         }
     }
-    // Built data always carry a valid word 255; raw data keep theirs unless changed here.
-    if (!raw || (patched && has_identify_signature(drive.identify))) {
+    // Built data carry a valid word 255, raw data keep theirs unless changed here; a word 255
+    // given in "words" stands as given.
+    const bool word255Given = d.contains("words") && d["words"].contains("255");
+    if (!word255Given && (!raw || (patched && has_identify_signature(drive.identify)))) {
         seal_identify_checksum(drive.identify);
     }
 
