@@ -16,8 +16,9 @@ A case is a folder of tests/qemu/expected:
                 no ATA command was issued; --update rewrites only the files that exist)
 
 Usage: qemu_suite.py --exe build/linux/quenmark [--update] [--keep] [CASE...]
-Device names in the VM are fixed by the order in which the drivers are loaded: /dev/sda and
-/dev/sg0 are the AHCI disk, /dev/sr0 and /dev/sg1 the CD-ROM, /dev/sdb and /dev/sg2 the SCSI disk.
+Device names in the VM are fixed by the order in which the drivers are loaded: /dev/sda (with
+one partition, /dev/sda1) and /dev/sg0 are the AHCI disk, /dev/sr0 and /dev/sg1 the CD-ROM,
+/dev/sdb and /dev/sg2 the SCSI disk.
 """
 import argparse
 import base64
@@ -139,6 +140,17 @@ class Cpio:
         return gzip.compress(self.out.getvalue(), compresslevel=1)
 
 
+DISK_BYTES = 64 << 20
+
+
+def master_boot_record():
+    """An MBR with one Linux partition from sector 2048 to the end of the disk."""
+    sectors = DISK_BYTES // 512
+    entry = bytes([0x00, 0xFE, 0xFF, 0xFF, 0x83, 0xFE, 0xFF, 0xFF]) + \
+        (2048).to_bytes(4, "little") + (sectors - 2048).to_bytes(4, "little")
+    return bytes(446) + entry + bytes(48) + b"\x55\xAA"
+
+
 def image_bytes(size):
     pattern = bytes((i * 7 + 3) & 0xFF for i in range(256))
     return (pattern * (size // 256 + 1))[:size]
@@ -192,7 +204,10 @@ def build_initramfs(exe, modules, cases):
 def run_vm(kernel, initramfs, work):
     for name in ("ahci-disk.img", "scsi-disk.img"):
         with open(os.path.join(work, name), "wb") as f:
-            f.truncate(64 << 20)
+            f.truncate(DISK_BYTES)
+    # One partition on the AHCI disk, so that /dev/sda1 exists.
+    with open(os.path.join(work, "ahci-disk.img"), "r+b") as f:
+        f.write(master_boot_record())
     initrd = os.path.join(work, "initramfs.gz")
     with open(initrd, "wb") as f:
         f.write(initramfs)
