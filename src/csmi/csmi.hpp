@@ -7,6 +7,9 @@
 #include "transport/device_context.hpp"
 #include "transport/status.hpp"
 
+static_assert(sizeof(CSMI_SAS_PHY_ENTITY) == kPhyEntityBytes,
+              "the context keeps one whole phy entry of the controller's table");
+
 // "\\.\SCSI": the path of port n is this prefix, n in decimal and a colon.
 extern const wchar_t kScsiPortPrefix[];
 
