@@ -9,7 +9,8 @@
 //            bit 6: /e and /a; bit 7: /s
 //   byte 1   bits 0-3: the controller's port (modulo 15); bit 4: its port also carries a SAT
 //            bridge to the drive; bit 5: the controller is no CSMI driver
-//   byte 2   n, the phy number of /C: (the address form takes phy n modulo 32's attached address)
+//   byte 2   n, the phy number of /C: as a signed byte (the address form takes the attached
+//            address of phy n modulo 32)
 //   81 bytes driver name, 81 bytes description, 6 revisions (16 bits each), board id,
 //   controller flags (32 bits each), 81 bytes serial number, bNumberOfPhys
 //   a count of phys described (modulo 33), each 36 bytes: the controller's link end (device
@@ -140,6 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         sim::machine().disks.push_back(disk);
     }
     const std::string address = hex_address(controller.phys[phyNumber % 32].attached.sasAddress);
+    const std::string phyText = std::to_string(static_cast<std::int8_t>(phyNumber));
     sim::machine().controllers.push_back(controller);
 
     std::vector<std::string> arguments;
@@ -148,13 +150,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         arguments.push_back("--scan");
         break;
     case 1:
-        arguments.push_back("/C:" + portPath + std::to_string(phyNumber));
+        arguments.push_back("/C:" + portPath + phyText);
         break;
     case 2:
         arguments.push_back("/C:" + port + "," + address);
         break;
     default:
-        arguments.push_back("/C:" + portPath + std::to_string(phyNumber));
+        arguments.push_back("/C:" + portPath + phyText);
         arguments.push_back("/l");
         break;
     }
