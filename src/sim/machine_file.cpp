@@ -700,14 +700,43 @@ json demo_machine() {
                          {"234", 0},
                          {"235", 0}}},
                        {"identifyLog", {{"dmOffsetsDeferred", false}}},
-                       {"downloadModes", json::array({7})}}})},
+                       {"downloadModes", json::array({7})}},
+                      {{"id", "ssd2"},
+                       {"model", "QSIM SATA SSD 1TB"},
+                       {"serial", "QS0000000003"},
+                       {"firmware", "QS010001"},
+                       {"words", {{"128", "0x0021"}, {"234", 1}, {"235", 2048}}}}})},
         {"disks",
          json::array({{{"path", "\\\\.\\PhysicalDrive0"},
                        {"drive", "ssd0"},
                        {"address", {{"port", 0}, {"path", 0}, {"target", 0}, {"lun", 0}}}},
                       {{"path", "\\\\.\\PhysicalDrive1"},
                        {"drive", "hdd1"},
-                       {"address", {{"port", 1}, {"path", 0}, {"target", 0}, {"lun", 0}}}}})}};
+                       {"address", {{"port", 1}, {"path", 0}, {"target", 0}, {"lun", 0}}}}})},
+        // A SAS/SATA HBA on \\.\SCSI2: with ssd2 on phy 0 and a SAS disk on phy 1.
+        {"controllers",
+         json::array(
+             {{{"port", 2},
+               {"driver",
+                {{"name", "qsas"},
+                 {"description", "QSIM SAS/SATA HBA"},
+                 {"version", {2, 1, 0, 7}},
+                 {"csmiVersion", {0, 82}}}},
+               {"config", {{"boardId", "0x10001000"}, {"controllerFlags", 1}}},
+               {"numberOfPhys", 8},
+               {"phys",
+                json::array(
+                    {{{"phy", 0},
+                      {"negotiatedLinkRate", 10},
+                      {"identify", {{"initiatorProtocol", 15}, {"sasAddress", "5000000000000a01"}}},
+                      {"attached", {{"targetProtocol", 1}, {"sasAddress", "5000000000000b02"}}},
+                      {"drive", "ssd2"}},
+                     {{"phy", 1},
+                      {"portIdentifier", 1},
+                      {"negotiatedLinkRate", 10},
+                      {"identify", {{"initiatorProtocol", 15}, {"sasAddress", "5000000000000a01"}}},
+                      {"attached",
+                       {{"targetProtocol", 8}, {"sasAddress", "5000000000000c03"}}}}})}}})}};
 }
 
 } // namespace sim
