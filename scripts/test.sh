@@ -31,7 +31,7 @@ step "unit and golden (ASan+UBSan)" ctest --test-dir build/linux-asan --output-o
 step "golden (optimised build)" ctest --test-dir build/linux --output-on-failure -j"$jobs" -R '^golden\.'
 step "formatting" bash scripts/check-format.sh
 step "Windows build under Wine" bash tests/wine/run.sh
-for suite in tests/qemu/run.sh tests/fuzz/run.sh deploy/ansible/tests/run.sh; do
+for suite in tests/qemu/run.sh tests/package/run.sh tests/fuzz/run.sh deploy/ansible/tests/run.sh; do
   [ -f "$suite" ] && step "$suite" bash "$suite"
 done
 

@@ -92,12 +92,18 @@ def run_case(case, options, workroot):
         args.pop()
     exe = os.path.abspath(options.exe)
     if options.wine:
-        command = ["wine", exe] + args
+        # The wine64 loader itself: the wrapper script adds a start-up cost and its own notes.
+        loader = "/usr/lib/wine/wine64" if os.path.exists("/usr/lib/wine/wine64") else "wine"
+        command = [loader, exe] + args
     else:
         command = [PROGRAM_NAME] + args
-    result = subprocess.run(command, cwd=work, env=env, capture_output=True,
-                            executable=None if options.wine else exe, timeout=300)
-    got = {"stdout": normalise_date(result.stdout), "stderr": result.stderr,
+    # Files, not pipes: Wine's own helper processes inherit the streams and outlive the program.
+    out_path, err_path = os.path.join(work, ".stdout"), os.path.join(work, ".stderr")
+    with open(out_path, "wb") as out, open(err_path, "wb") as err:
+        result = subprocess.run(command, cwd=work, env=env, stdin=subprocess.DEVNULL,
+                                stdout=out, stderr=err,
+                                executable=None if options.wine else exe, timeout=300)
+    got = {"stdout": normalise_date(read(out_path)), "stderr": read(err_path),
            "exit": b"%d\n" % result.returncode}
     if options.wine:
         got["stdout"] = normalise_wine(got["stdout"])

@@ -12,6 +12,9 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
   wineboot -i >/dev/null 2>&1 || true
   wineserver -w || true
 fi
+# One persistent server for all the runs: each start of a program then costs about a second.
+wineserver -p
+trap 'wineserver -k >/dev/null 2>&1 || true' EXIT
 status=0
 python3 "$root/tests/golden/run_golden.py" --wine --exe "$build/quenmark-sim.exe" \
   --image-tool "$root/build/linux/quenmark-sim-image" "$root"/tests/golden/*/ || status=1
