@@ -29,7 +29,8 @@ if [ ! -x "$build/quenmark-sim" ] || [ ! -x "$build/quenmark-sim-image" ]; then
 fi
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/quenmark-rollout.XXXXXX") || exit 1
-trap 'rm -rf "$work"' EXIT
+# QUENMARK_TEST_KEEP=1 keeps the folder (machine files, run logs, the playbook's output) to look into.
+trap 'if [ -n "${QUENMARK_TEST_KEEP:-}" ]; then echo "kept $work"; else rm -rf "$work"; fi' EXIT
 # The builds are copied: the build folder may be rebuilt while the scenarios run.
 cp "$build/quenmark-sim" "$build/quenmark-sim-image" "$work/" || exit 1
 "$work/quenmark-sim-image" --revision QF02 --size 131072 -o "$work/QF02.LOD" || exit 1
@@ -39,6 +40,10 @@ image_sha256=$(sha256sum "$work/QF02.LOD" | cut -d' ' -f1)
 mkdir -p "$work/home"
 export HOME=$work/home
 export ANSIBLE_CONFIG=$deploy/ansible.cfg ANSIBLE_NOCOLOR=1 ANSIBLE_FORCE_COLOR=0
+
+# ansible-core comes with an SSH client or with paramiko.
+remote_connection=ssh
+command -v ssh >/dev/null 2>&1 || remote_connection=paramiko
 
 passed=0
 failed=0
@@ -51,7 +56,7 @@ problem() { problems+=("$1"); }
 # drive HOST KIND: the machine file of one host, with one drive at \\.\PhysicalDrive0 running
 # QF01. KIND: ok, sec4 (security enabled and locked), abort (the first DOWNLOAD MICROCODE is
 # aborted), retry (the second one is aborted), model (another drive model), absent (the drive is
-# at \\.\PhysicalDrive1 only).
+# at \\.\PhysicalDrive1 only), unreachable (a drive on a host that cannot be reached).
 drive() {
   local host=$1 kind=$2 model="QSIM FLEET SSD" extra="" path='PhysicalDrive0'
   case $kind in
@@ -92,7 +97,12 @@ quenmark:
 EOF
     local spec
     for spec in "$@"; do
-      echo "    ${spec%%:*}: {}"
+      if [ "${spec#*:}" = unreachable ]; then
+        # Nothing listens on port 9 of this machine: the connection is refused at once.
+        echo "    ${spec%%:*}: {ansible_connection: $remote_connection, ansible_host: 127.0.0.1, ansible_port: 9}"
+      else
+        echo "    ${spec%%:*}: {}"
+      fi
     done
   } >"$scenario_dir/inventory.yml"
   for spec in "$@"; do
@@ -213,8 +223,9 @@ security_locked() {
 }
 
 abort_stops() {
+  # In a batch with h2, h1 finishes its update and its report before the rollout stops.
   fleet abort_stops h1:ok h2:abort h3:ok
-  rollout
+  rollout -e quenmark_batch_size=2
   expect_rc_failed
   expect_updated h1
   expect_revision h2 QF01
@@ -269,6 +280,17 @@ left_alone() {
   expect_clean_hosts
 }
 
+unreachable_stops() {
+  # h1 runs in parallel with h2, which cannot be reached: h1 is updated, then the rollout stops.
+  fleet unreachable_stops h1:ok h2:unreachable h3:ok
+  rollout -e quenmark_batch_size=2
+  expect_rc_failed
+  expect_output 'fatal: [h2]: UNREACHABLE!'
+  expect_output 'h2 could not be reached; the state of its drive is unknown'
+  expect_updated h1
+  expect_untouched h3
+}
+
 doubtful_input() {
   fleet doubtful_input h1:ok h2:ok
   rollout -e quenmark_batch_size=2 -e quenmark_image_sha256="$(printf '0%.0s' {1..64})"
@@ -292,6 +314,7 @@ for entry in \
   "abort_stops|an aborted download stops the rollout; later batches are untouched; the rollout resumes" \
   "check_mode|check mode reads the drive reports and changes nothing" \
   "left_alone|another drive model and a missing drive are skipped, never updated" \
+  "unreachable_stops|a host that cannot be reached stops the rollout after its batch" \
   "doubtful_input|a wrong image or an option as device stops the rollout before any drive is touched"; do
   name=${entry%%|*}
   if [ "$only" = "  " ] || [[ $only == *" $name "* ]]; then
