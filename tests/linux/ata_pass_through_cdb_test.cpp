@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <vector>
@@ -24,8 +25,8 @@ win32::ATA_PASS_THROUGH_DIRECT request(win32::USHORT flags, win32::ULONG length,
     r.DataTransferLength = length;
     r.DataBuffer = length != 0 ? buffer : nullptr;
     r.TimeOutValue = 5;
-    std::memcpy(r.CurrentTaskFile, current.data(), current.size());
-    std::memcpy(r.PreviousTaskFile, previous.data(), previous.size());
+    std::copy(current.begin(), current.end(), r.CurrentTaskFile);
+    std::copy(previous.begin(), previous.end(), r.PreviousTaskFile);
     return r;
 }
 
