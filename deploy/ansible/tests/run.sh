@@ -261,7 +261,7 @@ check_mode() {
     expect_reports_only $host
     [ "$(runs $host '/i')" = 1 ] || problem "$host: $(runs $host '/i') drive reports, expected 1"
   done
-  expect_summary h1 "QSIM FLEET SSD QF0001: QF01, would update: with QF02.LOD"
+  expect_summary h1 "QSIM FLEET SSD QF0001: QF01, would update: image QF02.LOD"
   expect_summary h2 "QSIM FLEET SSD QF0002: QF01, would skip: the tool would refuse the drive in ATA security state SEC4"
   expect_clean_hosts
 }
