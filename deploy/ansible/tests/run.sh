@@ -36,9 +36,9 @@ cp "$build/quenmark-sim" "$build/quenmark-sim-image" "$work/" || exit 1
 "$work/quenmark-sim-image" --revision QF02 --size 131072 -o "$work/QF02.LOD" || exit 1
 image_sha256=$(sha256sum "$work/QF02.LOD" | cut -d' ' -f1)
 
-# Ansible keeps its own files under HOME: give it one inside the temporary folder.
+# Ansible keeps its own files under HOME and in its temporary folders: all inside this one.
 mkdir -p "$work/home"
-export HOME=$work/home
+export HOME=$work/home ANSIBLE_LOCAL_TEMP=$work/home/local-tmp ANSIBLE_REMOTE_TEMP=$work/home/remote-tmp
 export ANSIBLE_CONFIG=$deploy/ansible.cfg ANSIBLE_NOCOLOR=1 ANSIBLE_FORCE_COLOR=0
 
 # ansible-core comes with an SSH client or with paramiko.
