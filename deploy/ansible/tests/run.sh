@@ -95,18 +95,18 @@ quenmark:
       QUENMARK_TEST_RUNS: "$scenario_dir/{{ inventory_hostname }}.runs"
   hosts:
 EOF
-    local spec
-    for spec in "$@"; do
-      if [ "${spec#*:}" = unreachable ]; then
+    local member
+    for member in "$@"; do
+      if [ "${member#*:}" = unreachable ]; then
         # Nothing listens on port 9 of this machine: the connection is refused at once.
-        echo "    ${spec%%:*}: {ansible_connection: $remote_connection, ansible_host: 127.0.0.1, ansible_port: 9}"
+        echo "    ${member%%:*}: {ansible_connection: $remote_connection, ansible_host: 127.0.0.1, ansible_port: 9}"
       else
-        echo "    ${spec%%:*}: {}"
+        echo "    ${member%%:*}: {}"
       fi
     done
   } >"$scenario_dir/inventory.yml"
-  for spec in "$@"; do
-    drive "${spec%%:*}" "${spec#*:}"
+  for member in "$@"; do
+    drive "${member%%:*}" "${member#*:}"
   done
 }
 
