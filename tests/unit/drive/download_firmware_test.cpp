@@ -111,13 +111,6 @@ protected:
 
     void clear_log() { sim::machine().log.clear(); }
 
-    void fail_command(std::uint32_t nth) {
-        sim::CommandFault fault;
-        fault.command = 0x92;
-        fault.nth = nth;
-        sim::machine().faults.commands.push_back(fault);
-    }
-
     DeviceContext context;
     fs::path folder;
     std::string out;
@@ -200,32 +193,6 @@ TEST_F(DownloadFirmware, ActivationSendsNoDataAndReportsCompletion) {
     EXPECT_EQ(context.dataDirection, 0u);
 }
 
-TEST_F(DownloadFirmware, FailedActivationSaysSoWhateverTheVerboseLevel) {
-    const std::wstring file = write_image("fw.bin", 4096);
-    // Nothing deferred: the drive aborts the activation.
-    EXPECT_EQ(download(file, 0x0F, 0), Status::DeviceError);
-    EXPECT_EQ(out, std::string(kWarning) + "Failed to Activate ...\n");
-
-    out.clear();
-    context.verbose = 1;
-    EXPECT_EQ(download(file, 0x0F, 0), Status::DeviceError);
-    const std::string tail = " ^ Failed to Activate ...\n";
-    ASSERT_GE(out.size(), tail.size());
-    EXPECT_EQ(out.substr(out.size() - tail.size()), tail);
-}
-
-TEST_F(DownloadFirmware, QuietDownloadPrintsWarningAndProgressOnly) {
-    const std::wstring file = write_image("fw.bin", 100000);
-    const std::int32_t before = spinnerCounter;
-    EXPECT_EQ(download(file, 0x0E, 64), Status::Success);
-    const std::string spin[] = {std::string(1, spinner_character(before + 1)),
-                                std::string(1, spinner_character(before + 2)),
-                                std::string(1, spinner_character(before + 3))};
-    EXPECT_EQ(out, std::string(kWarning) + "\r\t+ " + spin[0] + " : 0%" + "\r\t+++++++ " + spin[1] +
-                       " : 33%" + "\r\t++++++++++++++ " + spin[2] + " : 66%");
-    EXPECT_EQ(err, "");
-}
-
 TEST_F(DownloadFirmware, VerbosePlanPrecedesWarningAndLeavesUpperCaseHexOn) {
     const std::wstring file = write_image("fw.bin", 100000);
     context.verbose = 1;
@@ -247,17 +214,6 @@ TEST_F(DownloadFirmware, VerbosePlanPrecedesWarningAndLeavesUpperCaseHexOn) {
     EXPECT_TRUE(flags & std::ios_base::uppercase);
     EXPECT_TRUE(flags & std::ios_base::dec);
     EXPECT_FALSE(flags & std::ios_base::hex);
-}
-
-TEST_F(DownloadFirmware, PlanShowsModeInHexWithItsLeadingZero) {
-    const std::wstring file = write_image("fw.bin", 1024);
-    context.verbose = 1;
-    for (const auto& [mode, text] :
-         {std::pair{0x03, "  Mode : 0x03\n"}, {0x07, "  Mode : 0x07\n"}}) {
-        out.clear();
-        download(file, static_cast<std::uint8_t>(mode), 64);
-        EXPECT_NE(out.find(text), std::string::npos) << out;
-    }
 }
 
 // With 100 transfers the line after transfer 53 shows 52 % and the one after 54 shows 54 %;
@@ -299,106 +255,6 @@ TEST_F(DownloadFirmware, SpinnerCarriesOnAcrossCalls) {
     for (std::size_t i = 0; i < spinners.size(); ++i) {
         EXPECT_EQ(spinners[i], cycle[(start + i) % 4]) << i;
     }
-}
-
-// The first failing transfer ends the call with its status; nothing after it is sent.
-TEST_F(DownloadFirmware, StopsAtTheFirstFailingTransfer) {
-    const std::wstring file = write_image("fw.bin", 100000);
-    struct Case {
-        std::uint32_t failing; // 1-based: 1 to 3 full transfers, 4 the remainder
-        std::string tail;
-    };
-    const Case cases[] = {{1, " ^ "}, {2, " ^ "}, {3, " ^ "}, {4, " !^ "}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.failing);
-        sim::reset_machine();
-        std::string error;
-        ASSERT_TRUE(sim::load_machine(kMachine, "", error));
-        ASSERT_EQ(open_device(context, L"\\\\.\\PhysicalDrive0"), Status::Success);
-        fail_command(c.failing);
-        context.verbose = 1;
-        out.clear();
-        EXPECT_EQ(download(file, 0x0E, 64), Status::DeviceError);
-        EXPECT_EQ(sent().size(), c.failing);
-        ASSERT_GE(out.size(), c.tail.size());
-        EXPECT_EQ(out.substr(out.size() - c.tail.size()), c.tail);
-        EXPECT_FALSE(sim::find_drive(sim::machine(), "d0")->deferred.has_value());
-    }
-}
-
-TEST_F(DownloadFirmware, FailureWithoutVerbosePrintsNoMarker) {
-    const std::wstring file = write_image("fw.bin", 100000);
-    fail_command(2);
-    EXPECT_EQ(download(file, 0x03, 64), Status::DeviceError);
-    EXPECT_EQ(out, std::string(kWarning) + "\r\t+ " + spinner_character(spinnerCounter) + " : 0%");
-    EXPECT_EQ(revision(), "QT010000");
-}
-
-TEST_F(DownloadFirmware, MissingFileIsReportedOnlyWhenVerbose) {
-    const std::wstring missing = (folder / "absent.bin").wstring();
-    EXPECT_EQ(download(missing, 0x07, 64), Status::BadFirmwareFile);
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(err, "");
-
-    context.verbose = 1;
-    EXPECT_EQ(download(missing, 0x07, 64), Status::BadFirmwareFile);
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(err, "File Open Failure: No such file or directory\n");
-    EXPECT_TRUE(sent().empty());
-}
-
-// Files that open but cannot be sent as they are: refused before any command, with one line on
-// standard error at every verbose level and nothing on standard output.
-TEST_F(DownloadFirmware, RefusesFilesTheCommandCannotCarry) {
-    const std::wstring empty = write_bytes("empty.bin", {});
-    const std::wstring directory = (folder / "sub").wstring();
-    fs::create_directories(folder / "sub");
-    const std::wstring huge = write_bytes("huge.bin", {});
-    fs::resize_file(folder / "huge.bin", 33553921);
-
-    struct Case {
-        const char* name;
-        std::wstring file;
-        std::uint8_t mode;
-        std::uint8_t segmentBlocks;
-        std::string message;
-    };
-    const std::string emptyLine =
-        "Firmware file is empty: " + (folder / "empty.bin").string() + "\n";
-    const std::vector<Case> cases = {
-        {"empty immediate", empty, 0x07, 64, emptyLine},
-        {"empty activation", empty, 0x0F, 0, emptyLine},
-        {"empty unsegmented", empty, 0x0E, 0, emptyLine},
-        {"directory", directory, 0x07, 64,
-         "Firmware file is not a regular file: " + (folder / "sub").string() + "\n"},
-        {"one byte above 65535 blocks", huge, 0x03, 64,
-         "Firmware file is larger than 33553920 bytes (65535 blocks): " +
-             (folder / "huge.bin").string() + "\n"},
-    };
-    for (const Case& c : cases) {
-        for (std::int32_t verbose : {0, 2}) {
-            SCOPED_TRACE(std::string(c.name) + " verbose " + std::to_string(verbose));
-            context.verbose = verbose;
-            out.clear();
-            err.clear();
-            EXPECT_EQ(download(c.file, c.mode, c.segmentBlocks), Status::BadFirmwareFile);
-            EXPECT_EQ(out, "");
-            EXPECT_EQ(err, c.message);
-        }
-    }
-    EXPECT_TRUE(sent().empty());
-}
-
-// In the segmented modes an empty image has nothing to send, which is no failure.
-TEST_F(DownloadFirmware, EmptyImageInSegmentedModesSendsNothing) {
-    const std::wstring empty = write_bytes("empty.bin", {});
-    for (std::uint8_t mode : {std::uint8_t{0x03}, std::uint8_t{0x0E}}) {
-        out.clear();
-        EXPECT_EQ(download(empty, mode, 64), Status::Success);
-        EXPECT_EQ(out, kWarning);
-    }
-    EXPECT_TRUE(sent().empty());
-    EXPECT_EQ(err, "");
 }
 
 TEST_F(DownloadFirmware, LargestImageGoesInOneCommandWithAllSixteenBitsOfCount) {

@@ -82,20 +82,4 @@ TEST(DrawProgressLine, PrintsBarSpinnerAndShownPercentage) {
     }
 }
 
-TEST(DrawProgressLine, SpinnerContinuesFromEarlierLines) {
-    CapturedOutput output;
-    std::string spinners;
-    for (int i = 0; i < 8; ++i) {
-        output.text.clear();
-        draw_progress_line(0);
-        ASSERT_EQ(output.text.size(), 10u);
-        spinners.push_back(output.text[4]);
-    }
-    // Whatever the counter held before, the next eight lines walk the cycle twice in order.
-    const std::string cycle = "/\xC4\\|/\xC4\\|";
-    const std::size_t start = cycle.find(spinners[0]);
-    ASSERT_NE(start, std::string::npos);
-    EXPECT_EQ(spinners, (cycle + cycle).substr(start, 8));
-}
-
 } // namespace
