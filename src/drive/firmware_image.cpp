@@ -10,6 +10,7 @@
 
 #include "drive/transfer_plan.hpp"
 #include "platform/console.hpp"
+#include "platform/utf8.hpp"
 
 namespace {
 
@@ -18,40 +19,11 @@ struct CloseFile {
 };
 using File = std::unique_ptr<std::FILE, CloseFile>;
 
-#ifndef _WIN32
-// The file name as the C library off Windows takes it: UTF-8.
-std::string to_utf8(const wchar_t* text) {
-    std::string bytes;
-    for (; *text != L'\0'; ++text) {
-        char32_t cp = static_cast<char32_t>(*text);
-        if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-            cp = 0xFFFD;
-        }
-        if (cp < 0x80) {
-            bytes.push_back(static_cast<char>(cp));
-        } else if (cp < 0x800) {
-            bytes.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else if (cp < 0x10000) {
-            bytes.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-            bytes.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else {
-            bytes.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-            bytes.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-            bytes.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        }
-    }
-    return bytes;
-}
-#endif
-
 std::filesystem::path native_path(const wchar_t* fileName) {
 #ifdef _WIN32
     return std::filesystem::path(std::wstring(fileName));
 #else
-    return std::filesystem::path(to_utf8(fileName));
+    return std::filesystem::path(utf8::to_utf8(fileName));
 #endif
 }
 

@@ -1,4 +1,5 @@
 #include "platform/console.hpp"
+#include "platform/utf8.hpp"
 
 #include <cstdarg>
 #include <cstdio>
@@ -57,29 +58,6 @@ private:
     Sink& sink_;
 };
 
-#ifndef _WIN32
-void append_utf8(std::string& out, char32_t cp) {
-    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-        cp = 0xFFFD;
-    }
-    if (cp < 0x80) {
-        out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else if (cp < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    }
-}
-#endif
-
 } // namespace
 
 std::ostream& out() {
@@ -109,10 +87,7 @@ std::string to_console_bytes(std::wstring_view text) {
                             size, nullptr, nullptr);
     }
 #else
-    bytes.reserve(text.size());
-    for (wchar_t ch : text) {
-        append_utf8(bytes, static_cast<char32_t>(ch));
-    }
+    bytes = utf8::to_utf8(text);
 #endif
     return bytes;
 }

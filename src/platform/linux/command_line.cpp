@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/utf8.hpp"
 #include "platform/linux/win32_error.hpp"
+#include "platform/utf8.hpp"
 #include "platform/win32.hpp"
 
 namespace win32 {
@@ -37,7 +37,7 @@ ProcessArguments& process_arguments() {
             end = bytes.size();
         }
         arguments.texts.push_back(
-            linux_backend::decode_utf8(std::string_view(bytes).substr(start, end - start)));
+            utf8::decode_utf8(std::string_view(bytes).substr(start, end - start)));
         start = end + 1;
     }
     for (std::wstring& text : arguments.texts) {

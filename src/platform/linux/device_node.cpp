@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <string>
 
-#include "platform/linux/utf8.hpp"
 #include "platform/linux/win32_error.hpp"
+#include "platform/utf8.hpp"
 
 namespace linux_backend {
 namespace {
@@ -115,7 +115,7 @@ HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode, void*
         return linux_backend::fail(ERROR_INVALID_PARAMETER);
     }
     std::string path;
-    if (!linux_backend::encode_utf8(fileName, path)) {
+    if (!utf8::encode_utf8(fileName, path)) {
         return linux_backend::fail(linux_backend::kErrorInvalidName);
     }
     if (path.empty()) {

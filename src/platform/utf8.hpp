@@ -1,11 +1,10 @@
-// Arguments and paths cross between the program's wide text (UTF-32 here) and the kernel's
-// bytes as UTF-8.
+// Wide text (UTF-32 off Windows) and the UTF-8 bytes of Linux arguments, paths and consoles.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-namespace linux_backend {
+namespace utf8 {
 
 // Bytes that are no UTF-8 (a stray continuation byte, a truncated, overlong or surrogate
 // sequence, a value above U+10FFFF) become U+FFFD one byte at a time, so such a name never
@@ -16,4 +15,7 @@ std::wstring decode_utf8(std::string_view bytes);
 // U+10FFFF) or a NUL, which would cut the name short at the kernel.
 bool encode_utf8(std::wstring_view text, std::string& bytes);
 
-} // namespace linux_backend
+// For display: a character UTF-8 cannot carry becomes U+FFFD.
+std::string to_utf8(std::wstring_view text);
+
+} // namespace utf8

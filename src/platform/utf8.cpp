@@ -1,14 +1,36 @@
-#include "platform/linux/utf8.hpp"
+#include "platform/utf8.hpp"
 
 #include <cstdint>
 
-namespace linux_backend {
+namespace utf8 {
 namespace {
 
 constexpr wchar_t kReplacement = 0xFFFD;
 
 bool is_continuation(unsigned char byte) {
     return (byte & 0xC0) == 0x80;
+}
+
+bool is_scalar_value(char32_t cp) {
+    return cp <= 0x10FFFF && !(cp >= 0xD800 && cp <= 0xDFFF);
+}
+
+void append_utf8(std::string& out, char32_t cp) {
+    if (cp < 0x80) {
+        out.push_back(static_cast<char>(cp));
+    } else if (cp < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    } else if (cp < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+    }
 }
 
 } // namespace
@@ -62,27 +84,23 @@ bool encode_utf8(std::wstring_view text, std::string& bytes) {
     bytes.clear();
     bytes.reserve(text.size());
     for (const wchar_t ch : text) {
-        const auto cp = static_cast<std::uint32_t>(ch);
-        if (cp == 0 || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+        const auto cp = static_cast<char32_t>(ch);
+        if (cp == 0 || !is_scalar_value(cp)) {
             return false;
         }
-        if (cp < 0x80) {
-            bytes.push_back(static_cast<char>(cp));
-        } else if (cp < 0x800) {
-            bytes.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else if (cp < 0x10000) {
-            bytes.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-            bytes.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else {
-            bytes.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-            bytes.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-            bytes.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            bytes.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        }
+        append_utf8(bytes, cp);
     }
     return true;
 }
 
-} // namespace linux_backend
+std::string to_utf8(std::wstring_view text) {
+    std::string bytes;
+    bytes.reserve(text.size());
+    for (const wchar_t ch : text) {
+        const auto cp = static_cast<char32_t>(ch);
+        append_utf8(bytes, is_scalar_value(cp) ? cp : char32_t{kReplacement});
+    }
+    return bytes;
+}
+
+} // namespace utf8

@@ -2,12 +2,12 @@
 
 #include <string>
 
-#include "platform/linux/utf8.hpp"
+#include "platform/utf8.hpp"
 
 namespace {
 
-using linux_backend::decode_utf8;
-using linux_backend::encode_utf8;
+using utf8::decode_utf8;
+using utf8::encode_utf8;
 
 struct DecodeCase {
     const char* name;
