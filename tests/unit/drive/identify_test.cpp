@@ -10,6 +10,7 @@
 #include "sim/machine.hpp"
 #include "transport/transport.hpp"
 #include "unit/support/console_capture.hpp"
+#include "unit/support/sim_drive.hpp"
 
 namespace {
 
@@ -20,12 +21,7 @@ DeviceContext open_drive(const std::string& drive, const std::string& faults = "
         (drive.empty() ? "" : ", " + drive) +
         R"(}], "disks": [{"path": "\\\\.\\PhysicalDrive0", "drive": "d0"}], "faults": )" + faults +
         "}";
-    std::string error;
-    sim::reset_machine();
-    EXPECT_TRUE(sim::load_machine(json, ".", error)) << error;
-    DeviceContext context = make_device_context();
-    EXPECT_EQ(open_device(context, L"\\\\.\\PhysicalDrive0"), Status::Success);
-    return context;
+    return open_sim_drive(json);
 }
 
 DriveInfo identify(const std::string& drive) {

@@ -9,6 +9,7 @@
 #include "sim/machine.hpp"
 #include "transport/transport.hpp"
 #include "unit/support/console_capture.hpp"
+#include "unit/support/sim_drive.hpp"
 
 namespace {
 
@@ -24,12 +25,7 @@ DeviceContext open_drive(const std::string& faults = "") {
     if (!faults.empty()) {
         json.insert(json.rfind('}'), ", \"faults\": " + faults);
     }
-    std::string error;
-    sim::reset_machine();
-    EXPECT_TRUE(sim::load_machine(json, ".", error)) << error;
-    DeviceContext context = make_device_context();
-    EXPECT_EQ(open_device(context, L"\\\\.\\PhysicalDrive0"), Status::Success);
-    return context;
+    return open_sim_drive(json);
 }
 
 // The value the simulated driver logged for key=, in the last DeviceIoControl.
