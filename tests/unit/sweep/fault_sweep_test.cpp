@@ -1,0 +1,787 @@
+// Fault sweep: whole runs of every interface and download mode on the simulated machine. Each
+// scenario runs once without a fault to learn its calls; then every platform call of that run
+// fails in turn with each Windows error of the table, and every drive command in turn ends with
+// each drive error of the table. Every faulted run must end with the exit code that the run
+// driver's rules give for the step that failed, send nothing after a failure that ends the run,
+// close each handle it opened exactly once, and leave every drive's firmware as it was unless
+// the whole image went in and was activated.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+#include "app/run_driver.hpp"
+#include "sim/call_log.hpp"
+#include "sim/machine.hpp"
+#include "sim/microcode_image.hpp"
+#include "sim/text_encoding.hpp"
+#include "unit/support/console_capture.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A disk on \\.\PhysicalDrive0 (SAT bridge and ATA pass-through) and a controller on port 2 with
+// a SATA drive on phy 0, a SAS target on phy 1, an expander on phy 3 and an STP drive on phy 4.
+constexpr char kMachine[] = R"({
+  "drives": [
+    {"id": "disk", "model": "QSIM SWEEP DISK", "serial": "QZ0000000001", "firmware": "QZ010000"},
+    {"id": "sata", "model": "QSIM SWEEP SATA", "serial": "QZ0000000002", "firmware": "QZ010000"},
+    {"id": "stp", "model": "QSIM SWEEP STP", "serial": "QZ0000000003", "firmware": "QZ010000"}
+  ],
+  "disks": [{"path": "\\\\.\\PhysicalDrive0", "drive": "disk",
+             "address": {"port": 1, "path": 0, "target": 2, "lun": 0}}],
+  "controllers": [{"port": 2, "driver": {"name": "qsas", "description": "QSIM SAS/SATA HBA"},
+    "phys": [
+      {"phy": 0, "portIdentifier": 0, "identify": {"initiatorProtocol": 15, "sasAddress": "5000000000000a01"},
+       "attached": {"targetProtocol": 1, "sasAddress": "5000000000000b02"}, "drive": "sata"},
+      {"phy": 1, "portIdentifier": 1, "identify": {"initiatorProtocol": 15, "sasAddress": "5000000000000a01"},
+       "attached": {"targetProtocol": 8, "sasAddress": "5000000000000c03"}},
+      {"phy": 3, "portIdentifier": 3, "identify": {"initiatorProtocol": 15, "sasAddress": "5000000000000a01"},
+       "attached": {"deviceType": 32, "targetProtocol": 2, "sasAddress": "5000000000000e05"}},
+      {"phy": 4, "portIdentifier": 7, "identify": {"initiatorProtocol": 15, "sasAddress": "5000000000000a01"},
+       "attached": {"targetProtocol": 4, "sasAddress": "0000000500000000"}, "drive": "stp"}
+    ]}]
+})";
+
+// Three full transfers of 64 blocks and a remainder in the segmented modes.
+constexpr std::uint32_t kImageBytes = 100000;
+
+enum class Wire { Sat, Ata, Csmi, Scan };
+
+// The scenario table: every interface, crossed with every download mode and both endings.
+struct Scenario {
+    std::string name;
+    Wire wire;
+    std::vector<std::string> arguments; // after the program name; kImage stands for the file
+    std::string drive;                  // the drive the run updates
+    bool download = false;
+    bool activate = false;
+    int retries = 0;
+};
+
+const std::string kImage = "<image>";
+
+std::vector<Scenario> scenarios() {
+    struct Interface {
+        const char* name;
+        Wire wire;
+        const char* device;
+        const char* drive;
+    };
+    const Interface interfaces[] = {
+        {"ScsiPassThrough", Wire::Sat, "\\\\.\\PhysicalDrive0", "disk"},
+        {"AtaPassThrough", Wire::Ata, "/T:\\\\.\\PhysicalDrive0", "disk"},
+        {"CsmiByPhy", Wire::Csmi, "/C:\\\\.\\SCSI2:0", "sata"},
+        {"CsmiByAddress", Wire::Csmi, "/C:2,0000000500000000", "stp"},
+    };
+    const std::pair<const char*, std::vector<std::string>> modes[] = {
+        {"Immediate", {}}, {"Segmented", {"/s"}}, {"Deferred", {"/e"}}};
+    // Quiet, and at the level that prints every diagnostic: register, request and FIS dumps.
+    const std::pair<const char*, std::vector<std::string>> levels[] = {{"", {}}, {"Vv", {"/vv"}}};
+    std::vector<Scenario> table;
+    for (const Interface& i : interfaces) {
+        for (const auto& [modeName, modeOptions] : modes) {
+            for (const auto& [levelName, levelOptions] : levels) {
+                for (const bool activate : {true, false}) {
+                    Scenario s{std::string(i.name) + modeName + (activate ? "Activate" : "Retry1") +
+                                   levelName,
+                               i.wire,
+                               {i.device, "/D:" + kImage},
+                               i.drive,
+                               true,
+                               activate,
+                               activate ? 0 : 1};
+                    for (const auto* options : {&modeOptions, &levelOptions}) {
+                        s.arguments.insert(s.arguments.end(), options->begin(), options->end());
+                    }
+                    if (activate) {
+                        s.arguments.push_back("/a");
+                    } else {
+                        s.arguments.insert(s.arguments.end(), {"/r", "1"});
+                    }
+                    table.push_back(s);
+                }
+            }
+        }
+    }
+    table.push_back({"Scan", Wire::Scan, {"--scan"}, "", false, false, 0});
+    table.push_back({"ScanVv", Wire::Scan, {"--scan", "/vv"}, "", false, false, 0});
+    return table;
+}
+
+// The fault-kind table: what fails, and how.
+enum class Target { PlatformCall, DriveCommand, StpReturnCode };
+
+struct FaultKind {
+    const char* name;
+    Target target;
+    win32::DWORD windowsError = 0;    // PlatformCall
+    std::uint8_t ataStatus = 0x51;    // DriveCommand
+    std::uint8_t ataError = 0x04;     // DriveCommand
+    bool checkCondition = false;      // DriveCommand: on the SAT bridge only
+    std::uint32_t csmiReturnCode = 0; // StpReturnCode: CSMI only
+};
+
+const FaultKind kFaultKinds[] = {
+    {"ERROR_INVALID_FUNCTION", Target::PlatformCall, ERROR_INVALID_FUNCTION},
+    {"ERROR_ACCESS_DENIED", Target::PlatformCall, ERROR_ACCESS_DENIED},
+    {"ERROR_IO_DEVICE", Target::PlatformCall, ERROR_IO_DEVICE},
+    {"ERROR_SEM_TIMEOUT", Target::PlatformCall, ERROR_SEM_TIMEOUT},
+    {"ATA abort 51/04", Target::DriveCommand, 0, 0x51, 0x04},
+    {"CRC abort 51/84", Target::DriveCommand, 0, 0x51, 0x84},
+    {"CHECK CONDITION", Target::DriveCommand, 0, 0x51, 0x04, true},
+    {"ReturnCode 3", Target::StpReturnCode, 0, 0, 0, false, 3},
+};
+
+bool applies(const FaultKind& kind, Wire wire) {
+    switch (kind.target) {
+    case Target::PlatformCall:
+    case Target::DriveCommand:
+        return !kind.checkCondition || wire == Wire::Sat;
+    case Target::StpReturnCode:
+        return wire == Wire::Csmi || wire == Wire::Scan;
+    }
+    return false;
+}
+
+// One fault of one kind at one place: the platform call of that sequence number, or the nth
+// drive command of that opcode, or the nth STP request.
+struct Fault {
+    const FaultKind* kind = nullptr;
+    std::uint64_t call = 0;
+    std::uint8_t opcode = 0;
+    std::uint32_t nth = 0;
+
+    std::string text() const {
+        std::ostringstream s;
+        s << kind->name;
+        if (kind->target == Target::PlatformCall) {
+            s << " on call #" << call;
+        } else if (kind->target == Target::DriveCommand) {
+            s << " on command 0x" << std::hex << unsigned{opcode} << std::dec << " #" << nth;
+        } else {
+            s << " on STP request #" << nth;
+        }
+        return s.str();
+    }
+};
+
+void inject(const Fault& fault) {
+    sim::Machine& m = sim::machine();
+    const FaultKind& kind = *fault.kind;
+    if (kind.target == Target::PlatformCall) {
+        sim::CallFault f;
+        f.call = fault.call;
+        f.error = kind.windowsError;
+        m.faults.calls.push_back(f);
+    } else if (kind.target == Target::DriveCommand) {
+        sim::CommandFault f;
+        f.command = fault.opcode;
+        f.nth = fault.nth;
+        f.status = kind.ataStatus;
+        f.error = kind.ataError;
+        if (kind.checkCondition) {
+            // Fixed-format sense: ABORTED COMMAND, the ATA registers in the information bytes.
+            f.scsiStatus = 0x02;
+            f.sense = {0x70,           0,    0x0B, 0, 0, 0, 0, 0x0A, kind.ataError,
+                       kind.ataStatus, 0x40, 0,    0, 0, 0, 0, 0,    0};
+        }
+        m.faults.commands.push_back(f);
+    } else {
+        for (sim::CsmiController& controller : m.controllers) {
+            sim::CsmiFault f;
+            f.controlCode = 25; // STP pass-through
+            f.nth = fault.nth;
+            f.returnCode = kind.csmiReturnCode;
+            controller.faults.push_back(f);
+        }
+    }
+}
+
+struct RunResult {
+    int exitCode = -1;
+    std::vector<sim::CallRecord> log;
+    std::map<std::string, std::string> revisionsBefore, revisionsAfter;
+};
+
+std::map<std::string, std::string> revisions() {
+    std::map<std::string, std::string> result;
+    for (const sim::Drive& drive : sim::machine().drives) {
+        result[drive.id] = sim::firmware_revision(drive);
+    }
+    return result;
+}
+
+RunResult run(const Scenario& scenario, const std::string& image, const Fault* fault) {
+    sim::reset_machine();
+    std::string error;
+    if (!sim::load_machine(kMachine, "", error)) {
+        ADD_FAILURE() << error;
+        return {};
+    }
+    if (fault != nullptr) {
+        inject(*fault);
+    }
+    std::vector<std::string> narrow{"quenmark"};
+    for (const std::string& argument : scenario.arguments) {
+        const std::size_t at = argument.find(kImage);
+        narrow.push_back(at == std::string::npos ? argument
+                                                 : argument.substr(0, at) + image +
+                                                       argument.substr(at + kImage.size()));
+    }
+    std::vector<std::wstring> wide;
+    std::vector<char*> argv;
+    for (std::string& argument : narrow) {
+        wide.push_back(sim::wide_from_utf8(argument));
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    sim::set_command_line(wide);
+
+    RunResult result;
+    result.revisionsBefore = revisions();
+    {
+        ConsoleCapture capture;
+        result.exitCode = quenmark_main(static_cast<int>(narrow.size()), argv.data());
+    }
+    result.log = sim::machine().log;
+    result.revisionsAfter = revisions();
+    sim::reset_machine();
+    return result;
+}
+
+// ---- The oracle ---------------------------------------------------------------------------
+
+enum class Stage {
+    Parse,
+    Open,
+    Address,
+    PhyTable,
+    Config,
+    DriverInfo,
+    Inquiry,
+    Identify,
+    ReadLog,
+    Vendor,
+    Transfer,
+    Activate,
+    Ssp,
+    Pause,
+    Close,
+    Unknown
+};
+
+const char* stage_name(Stage stage) {
+    static const char* const names[] = {
+        "command line", "open",       "address query", "phy table",    "controller config",
+        "driver info",  "INQUIRY",    "IDENTIFY",      "READ LOG EXT", "vendor identify",
+        "transfer",     "activation", "SSP probe",     "pause",        "close",
+        "unknown"};
+    return names[static_cast<int>(stage)];
+}
+
+// One platform call that counts for the run driver, as the wire saw it.
+struct Step {
+    Stage stage = Stage::Unknown;
+    Status status = Status::Success; // what the transport must make of it
+    std::uint64_t sequence = 0;
+    int port = -1; // the scan: the controller port the call belongs to
+};
+
+bool has(const std::string& text, const char* part) {
+    return text.find(part) != std::string::npos;
+}
+
+// The stage by what crossed the wire; Unknown when the record does not tell (a call failed by
+// an injected fault never reaches a driver, an STP request with a spoiled ReturnCode never
+// reaches the drive).
+Stage stage_by_content(const sim::CallRecord& r) {
+    if (r.function == "CommandLineToArgvW") {
+        return Stage::Parse;
+    }
+    if (r.function == "CreateFileW") {
+        return Stage::Open;
+    }
+    if (r.function == "CloseHandle") {
+        return Stage::Close;
+    }
+    if (r.function == "Sleep") {
+        return Stage::Pause;
+    }
+    if (r.injected) {
+        return Stage::Unknown;
+    }
+    if (!r.ata.empty()) {
+        const sim::AtaCommand& c = r.ata.front().command;
+        switch (c.command) {
+        case 0xEC:
+            return c.features == 0x0B ? Stage::Vendor : Stage::Identify;
+        case 0x2F:
+            return Stage::ReadLog;
+        case 0x92:
+            return c.features == 0x0F ? Stage::Activate : Stage::Transfer;
+        default:
+            return Stage::Unknown;
+        }
+    }
+    switch (r.ioControlCode) {
+    case IOCTL_SCSI_GET_ADDRESS:
+        return Stage::Address;
+    case IOCTL_SCSI_PASS_THROUGH_DIRECT:
+        return Stage::Inquiry; // the only pass-through here that carries no ATA command
+    case IOCTL_SCSI_MINIPORT:
+        return has(r.request, "csmi=GET_PHY_INFO")       ? Stage::PhyTable
+               : has(r.request, "csmi=GET_CNTLR_CONFIG") ? Stage::Config
+               : has(r.request, "csmi=GET_DRIVER_INFO")  ? Stage::DriverInfo
+               : has(r.request, "csmi=SSP_PASSTHRU")     ? Stage::Ssp
+                                                         : Stage::Unknown;
+    default:
+        return Stage::Unknown;
+    }
+}
+
+// What the transport of this wire makes of a call that carried an ATA command.
+Status command_status(Wire wire, const sim::CallRecord& r) {
+    if (!r.succeeded) {
+        const bool notOffered =
+            wire != Wire::Csmi && wire != Wire::Scan && r.error == ERROR_INVALID_FUNCTION;
+        return notOffered ? Status::InterfaceNotSupported : Status::Failed;
+    }
+    switch (wire) {
+    case Wire::Sat:
+        return has(r.result, "scsi-status=02") ? Status::DeviceError : Status::Success;
+    case Wire::Ata: {
+        if (r.ata.empty()) {
+            return Status::DeviceError;
+        }
+        const sim::AtaRecord& a = r.ata.front();
+        if (a.outcome.status == 0x50) {
+            return Status::Success;
+        }
+        if (a.outcome.error == 0x84) {
+            return Status::CrcAbort;
+        }
+        const bool wholeDataIn = a.phase == sim::DataPhase::In && a.outcome.bytesMoved == a.length;
+        return wholeDataIn ? Status::Success : Status::DeviceError;
+    }
+    case Wire::Csmi:
+    case Wire::Scan:
+        // The ending ATA status travels in the status FIS, which the transport does not read.
+        return has(r.result, "srb-return-code=0") ? Status::Success : Status::Failed;
+    }
+    return Status::Failed;
+}
+
+Status step_status(Wire wire, Stage stage, const sim::CallRecord& r) {
+    switch (stage) {
+    case Stage::Open:
+        return r.succeeded ? Status::Success
+                           : (wire == Wire::Csmi ? Status::Failed : Status::NoDevice);
+    case Stage::Address:
+        return r.succeeded ? Status::Success : Status::NoDevice;
+    case Stage::Identify:
+    case Stage::ReadLog:
+    case Stage::Vendor:
+    case Stage::Transfer:
+    case Stage::Activate:
+        return command_status(wire, r);
+    case Stage::Config:
+    case Stage::DriverInfo:
+        // The scan judges these by the last error alone, which a successful request leaves as it
+        // was; only CreateFileW clears it.
+    default:
+        return r.succeeded ? Status::Success : Status::Failed;
+    }
+}
+
+// The steps of a run's log. reference maps sequence numbers to the stages of the run without a
+// fault, for the call whose record does not tell (the run is the same up to that call).
+std::vector<Step> steps_of(Wire wire, const std::vector<sim::CallRecord>& log,
+                           const std::map<std::uint64_t, Stage>& reference) {
+    std::vector<Step> steps;
+    int port = -1;
+    for (const sim::CallRecord& r : log) {
+        if (r.function == "GetLastError" || r.function == "SetLastError" ||
+            r.function == "GetCommandLineW") {
+            continue;
+        }
+        Stage stage = stage_by_content(r);
+        if (stage == Stage::Unknown) {
+            const auto known = reference.find(r.sequence);
+            stage = known != reference.end() ? known->second : Stage::Unknown;
+        }
+        if (r.function == "CreateFileW") {
+            const std::size_t at = r.request.find("SCSI");
+            port = at == std::string::npos ? -1 : std::atoi(r.request.c_str() + at + 4);
+        }
+        Step step{stage, step_status(wire, stage, r), r.sequence, port};
+        // Judged by the last error: a refused controller configuration spoils the driver
+        // information request that follows on the same port.
+        if (stage == Stage::DriverInfo && !steps.empty() && steps.back().stage == Stage::Config &&
+            steps.back().status != Status::Success) {
+            step.status = Status::Failed;
+        }
+        steps.push_back(step);
+    }
+    return steps;
+}
+
+std::map<std::uint64_t, Stage> stage_map(const std::vector<Step>& steps) {
+    std::map<std::uint64_t, Stage> map;
+    for (const Step& step : steps) {
+        map[step.sequence] = step.stage;
+    }
+    return map;
+}
+
+int exit_code_of(Status status) {
+    switch (status) {
+    case Status::Success:
+        return 0;
+    case Status::DeviceError:
+        return 1;
+    case Status::NoDevice:
+        return 2;
+    case Status::BadFirmwareFile:
+        return 4;
+    case Status::InterfaceNotSupported:
+        return 9;
+    case Status::CrcAbort:
+        return 5;
+    default:
+        return 10;
+    }
+}
+
+// Walks the steps of a device run in the order the run driver makes its calls; the first step
+// that departs from that order is the problem.
+class Walk {
+public:
+    explicit Walk(const std::vector<Step>& steps) : steps_(steps) {}
+
+    // Takes the next step when it is of this stage; true when it succeeded.
+    bool next(Stage stage) {
+        if (!problem.empty() || at_ >= steps_.size() || steps_[at_].stage != stage) {
+            depart(std::string("expected ") + stage_name(stage));
+            status = Status::Failed;
+            return false;
+        }
+        status = steps_[at_++].status;
+        return status == Status::Success;
+    }
+    // The run ends here: nothing may follow.
+    int end(int exitCode) {
+        if (at_ < steps_.size()) {
+            depart("expected the end of the run");
+        }
+        return exitCode;
+    }
+    // The run driver's last step: close the handle, map the status.
+    int close(Status runStatus) {
+        next(Stage::Close);
+        return end(exit_code_of(runStatus));
+    }
+
+    Status status = Status::Success;
+    std::string problem;
+
+private:
+    void depart(const std::string& what) {
+        if (!problem.empty()) {
+            return;
+        }
+        std::ostringstream s;
+        s << what << " but ";
+        if (at_ < steps_.size()) {
+            s << "call #" << steps_[at_].sequence << " is " << stage_name(steps_[at_].stage);
+        } else {
+            s << "the run ended";
+        }
+        problem = s.str();
+    }
+
+    const std::vector<Step>& steps_;
+    std::size_t at_ = 0;
+};
+
+// The exit code of a device run whose calls the steps record.
+int expected_device_exit(const Scenario& scenario, std::size_t transfersPerAttempt, Walk& walk) {
+    if (!walk.next(Stage::Parse)) {
+        return walk.end(8);
+    }
+    const bool csmi = scenario.wire == Wire::Csmi;
+    if (!walk.next(Stage::Open) || !walk.next(csmi ? Stage::PhyTable : Stage::Address)) {
+        return walk.close(walk.status);
+    }
+    if (walk.next(Stage::Inquiry)) { // its result only decides the serial-number page
+        walk.next(Stage::Inquiry);
+    }
+    if (!walk.next(Stage::Identify)) {
+        return walk.close(walk.status);
+    }
+    walk.next(Stage::ReadLog);
+    Status status = Status::Success;
+    if (scenario.download) {
+        walk.next(Stage::Vendor);
+        for (int attempt = 0;; ++attempt) {
+            status = Status::Success;
+            for (std::size_t t = 0; t < transfersPerAttempt && status == Status::Success; ++t) {
+                walk.next(Stage::Transfer);
+                status = walk.status;
+            }
+            walk.next(Stage::Pause);
+            if (status == Status::Success || attempt >= scenario.retries) {
+                break;
+            }
+        }
+    }
+    if (scenario.activate) {
+        walk.next(Stage::Activate);
+        status = walk.status;
+    }
+    if (walk.next(Stage::Identify)) {
+        walk.next(Stage::ReadLog);
+    }
+    return walk.close(status);
+}
+
+// The scan goes on past every failure; only a port that does not open, a controller that does
+// not answer, or a phy table that does not come loses the calls that depend on it. The steps
+// the faulted scan must make: those of the scan without the fault, less what the first step
+// whose outcome differs takes away.
+std::vector<Step> expected_scan_steps(const std::vector<Step>& reference,
+                                      const std::vector<Step>& faulted) {
+    std::size_t i = 0;
+    while (i < reference.size() && i < faulted.size() && reference[i].stage == faulted[i].stage &&
+           reference[i].status == faulted[i].status) {
+        ++i;
+    }
+    if (i >= reference.size() || i >= faulted.size() || faulted[i].status == Status::Success) {
+        return reference;
+    }
+    const Stage failed = faulted[i].stage;
+    const int port = faulted[i].port;
+    std::vector<Step> expected(reference.begin(), reference.begin() + static_cast<long>(i) + 1);
+    expected.back().status = faulted[i].status;
+    for (std::size_t k = i + 1; k < reference.size(); ++k) {
+        const Step& s = reference[k];
+        const bool samePort = s.port == port && s.stage != Stage::Open;
+        const bool lost = failed == Stage::Parse || (failed == Stage::Open && samePort) ||
+                          ((failed == Stage::Config || failed == Stage::DriverInfo) && samePort &&
+                           s.stage != Stage::DriverInfo && s.stage != Stage::Close) ||
+                          (failed == Stage::PhyTable && samePort &&
+                           (s.stage == Stage::Identify || s.stage == Stage::Ssp));
+        if (!lost) {
+            expected.push_back(s);
+        }
+    }
+    return expected;
+}
+
+std::string scan_departure(const std::vector<Step>& expected, const std::vector<Step>& got) {
+    for (std::size_t k = 0; k < std::max(expected.size(), got.size()); ++k) {
+        const bool same = k < expected.size() && k < got.size() &&
+                          expected[k].stage == got[k].stage && expected[k].port == got[k].port;
+        if (!same) {
+            std::ostringstream s;
+            s << "step " << k << ": expected "
+              << (k < expected.size() ? stage_name(expected[k].stage) : "the end") << " but "
+              << (k < got.size() ? "call #" + std::to_string(got[k].sequence) + " is " +
+                                       stage_name(got[k].stage)
+                                 : std::string("the run ended"));
+            return s.str();
+        }
+    }
+    return "";
+}
+
+// Every handle a CreateFileW gave is closed exactly once, and nothing uses it after its close.
+std::string handle_problem(const std::vector<sim::CallRecord>& log) {
+    std::map<std::string, int> closes;
+    for (const sim::CallRecord& r : log) {
+        if (r.function == "CreateFileW" && r.succeeded) {
+            closes.emplace(r.result, 0); // "handle=N"
+        }
+    }
+    for (const sim::CallRecord& r : log) {
+        const std::string handle = r.request.substr(0, r.request.find(' '));
+        const auto known = closes.find(handle);
+        if (r.function == "CloseHandle" && known != closes.end() && ++known->second > 1) {
+            return handle + " closed twice, again by call #" + std::to_string(r.sequence);
+        }
+        if (r.function == "DeviceIoControl" && known != closes.end() && known->second > 0) {
+            return handle + " used by call #" + std::to_string(r.sequence) + " after its close";
+        }
+    }
+    for (const auto& [handle, count] : closes) {
+        if (count == 0) {
+            return handle + " never closed";
+        }
+    }
+    return "";
+}
+
+// Whether the log shows a whole image accepted in one attempt and, for the deferred mode, an
+// activation accepted after it.
+bool image_went_in(const Scenario& scenario, const std::vector<sim::CallRecord>& log,
+                   std::size_t transfersPerAttempt) {
+    const bool deferred = std::find(scenario.arguments.begin(), scenario.arguments.end(), "/e") !=
+                          scenario.arguments.end();
+    bool complete = false;
+    bool activated = false;
+    std::size_t accepted = 0;
+    for (const sim::CallRecord& r : log) {
+        if (r.function == "Sleep") {
+            accepted = 0;
+        }
+        for (const sim::AtaRecord& a : r.ata) {
+            if (a.command.command != 0x92) {
+                continue;
+            }
+            const bool ok = !a.injected && a.outcome.status == 0x50;
+            if (a.command.features == 0x0F) {
+                activated = activated || (ok && complete);
+            } else if (ok && ++accepted == transfersPerAttempt) {
+                complete = true;
+            }
+        }
+    }
+    return deferred ? activated : complete;
+}
+
+// ---- The sweep ----------------------------------------------------------------------------
+
+class FaultSweep : public ::testing::TestWithParam<Scenario> {
+protected:
+    static void SetUpTestSuite() {
+        imagePath_ =
+            (fs::temp_directory_path() / ("quenmark-sweep-" + std::to_string(::getpid()) + ".bin"))
+                .string();
+        const std::vector<std::uint8_t> image = sim::make_image("QZ020000", kImageBytes);
+        std::ofstream file(imagePath_, std::ios::binary);
+        file.write(reinterpret_cast<const char*>(image.data()),
+                   static_cast<std::streamsize>(image.size()));
+    }
+    static void TearDownTestSuite() {
+        std::error_code ignored;
+        fs::remove(imagePath_, ignored);
+    }
+
+    static std::string imagePath_;
+};
+
+std::string FaultSweep::imagePath_;
+
+std::vector<Fault> faults_for(const Scenario& scenario, const std::vector<sim::CallRecord>& log) {
+    std::vector<Fault> faults;
+    std::map<std::uint8_t, std::uint32_t> commands;
+    std::uint32_t stpRequests = 0;
+    for (const sim::CallRecord& r : log) {
+        for (const sim::AtaRecord& a : r.ata) {
+            ++commands[a.command.command];
+        }
+        stpRequests += has(r.request, "csmi=STP_PASSTHRU") ? 1 : 0;
+    }
+    for (const FaultKind& kind : kFaultKinds) {
+        if (!applies(kind, scenario.wire)) {
+            continue;
+        }
+        if (kind.target == Target::PlatformCall) {
+            for (const sim::CallRecord& r : log) {
+                if (r.function == "CreateFileW" || r.function == "DeviceIoControl" ||
+                    r.function == "CloseHandle" || r.function == "CommandLineToArgvW") {
+                    faults.push_back({&kind, r.sequence, 0, 0});
+                }
+            }
+        } else if (kind.target == Target::DriveCommand) {
+            for (const auto& [opcode, count] : commands) {
+                for (std::uint32_t n = 1; n <= count; ++n) {
+                    faults.push_back({&kind, 0, opcode, n});
+                }
+            }
+        } else {
+            for (std::uint32_t n = 1; n <= stpRequests; ++n) {
+                faults.push_back({&kind, 0, 0, n});
+            }
+        }
+    }
+    return faults;
+}
+
+TEST_P(FaultSweep, EveryFaultEndsTheRunAsTheRunDriverSays) {
+    const Scenario& scenario = GetParam();
+    const RunResult clean = run(scenario, imagePath_, nullptr);
+    const std::vector<Step> cleanSteps = steps_of(scenario.wire, clean.log, {});
+    for (const Step& step : cleanSteps) {
+        ASSERT_NE(step.stage, Stage::Unknown) << "call #" << step.sequence << " of the clean run";
+    }
+    std::size_t transfersPerAttempt = 0;
+    for (const Step& step : cleanSteps) {
+        if (step.stage == Stage::Pause) {
+            break;
+        }
+        transfersPerAttempt += step.stage == Stage::Transfer ? 1 : 0;
+    }
+    if (scenario.download) {
+        ASSERT_GT(transfersPerAttempt, 0u);
+    }
+    const std::map<std::uint64_t, Stage> reference = stage_map(cleanSteps);
+
+    std::size_t runs = 0;
+    std::size_t failures = 0;
+    for (const Fault& fault : faults_for(scenario, clean.log)) {
+        const RunResult got = run(scenario, imagePath_, &fault);
+        ++runs;
+        const std::vector<Step> steps = steps_of(scenario.wire, got.log, reference);
+
+        int expectedExit = 0;
+        std::string problem;
+        if (scenario.wire == Wire::Scan) {
+            expectedExit = steps.empty() || steps.front().status == Status::Success ? 0 : 8;
+            problem = scan_departure(expected_scan_steps(cleanSteps, steps), steps);
+        } else {
+            Walk walk(steps);
+            expectedExit = expected_device_exit(scenario, transfersPerAttempt, walk);
+            problem = walk.problem;
+        }
+        if (problem.empty()) {
+            problem = handle_problem(got.log);
+        }
+        const bool wentIn =
+            scenario.download && image_went_in(scenario, got.log, transfersPerAttempt);
+        for (const auto& [drive, before] : got.revisionsBefore) {
+            const bool changed = got.revisionsAfter.at(drive) != before;
+            if (problem.empty() && changed != (drive == scenario.drive && wentIn)) {
+                problem =
+                    "drive " + drive + (changed ? " changed" : " kept") + " its firmware " + before;
+            }
+        }
+        if (got.exitCode != expectedExit || !problem.empty()) {
+            ++failures;
+            ADD_FAILURE() << scenario.name << ", " << fault.text() << ": exit code " << got.exitCode
+                          << ", expected " << expectedExit
+                          << (problem.empty() ? "" : "; " + problem)
+                          << (failures <= 3 ? "\n" + sim::call_log_text(got.log) : "");
+        }
+    }
+    RecordProperty("faulted_runs", static_cast<int>(runs));
+    std::cout << "[ sweep    ] " << scenario.name << ": " << runs << " faulted runs\n";
+}
+
+INSTANTIATE_TEST_SUITE_P(AllInterfaces, FaultSweep, ::testing::ValuesIn(scenarios()),
+                         [](const ::testing::TestParamInfo<Scenario>& info) {
+                             return info.param.name;
+                         });
+
+} // namespace
