@@ -72,6 +72,11 @@ struct Scenario {
 
 const std::string kImage = "<image>";
 
+// Test listings name the scenario rather than dump its bytes.
+void PrintTo(const Scenario& scenario, std::ostream* out) {
+    *out << scenario.name;
+}
+
 std::vector<Scenario> scenarios() {
     struct Interface {
         const char* name;
