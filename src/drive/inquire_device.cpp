@@ -50,9 +50,16 @@ void inquire_device(DeviceContext& context, DriveInfo& driveInfo) {
     driveInfo.firmwareRevision.assign(text + 32, 4);
 
     // The second request reuses the record as the driver returned it; only the CDB changes.
+    // Whatever the driver wrote back, the request must not describe memory beyond this probe's
+    // own data buffer and sense area.
     std::memset(data, 0, sizeof data);
     const std::uint8_t serialPage[5] = {0x12, 0x01, kUnitSerialNumberPage, 0x00, kInquiryBytes};
     std::memcpy(sptd.Cdb, serialPage, sizeof serialPage);
+    sptd.DataBuffer = data;
+    if (sptd.DataTransferLength > kInquiryBytes) {
+        sptd.DataTransferLength = kInquiryBytes;
+    }
+    sptd.SenseInfoOffset = offsetof(ScsiPassThroughRequest, sense);
     if (!win32::DeviceIoControl(context.handle, IOCTL_SCSI_PASS_THROUGH_DIRECT, &request,
                                 sizeof request, &request, sizeof request, &bytesReturned,
                                 nullptr)) {
