@@ -21,9 +21,11 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "sim/call_log.hpp"
 #include "sim/csmi_controller.hpp"
+#include "sim/json_fields.hpp"
 #include "sim/machine.hpp"
 
 namespace sim {
@@ -34,88 +36,8 @@ using nlohmann::json;
 
 constexpr std::uint8_t kEndDevice = 0x10;
 
-bool fail(std::string& error, const std::string& where, const std::string& what) {
-    error = where.empty() ? what : where + ": " + what;
-    return false;
-}
-
-std::string at(const std::string& where, const std::string& key) {
-    return where.empty() ? key : where + "." + key;
-}
-
-bool check_keys(const json& object, const std::string& where, const std::set<std::string>& allowed,
-                std::string& error) {
-    if (!object.is_object()) {
-        return fail(error, where, "must be an object");
-    }
-    for (const auto& item : object.items()) {
-        if (item.key() != "comment" && allowed.count(item.key()) == 0) {
-            return fail(error, where, "unknown key \"" + item.key() + "\"");
-        }
-    }
-    return true;
-}
-
-bool to_number(const json& value, const std::string& where, std::uint64_t maximum,
-               std::uint64_t& out, std::string& error) {
-    if (value.is_number_unsigned()) {
-        out = value.get<std::uint64_t>();
-    } else if (value.is_string()) {
-        const std::string text = value.get<std::string>();
-        const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-        const std::string digits = hex ? text.substr(2) : text;
-        if (digits.empty() || digits.size() > 16 ||
-            digits.find_first_not_of(hex ? "0123456789abcdefABCDEF" : "0123456789") !=
-                std::string::npos) {
-            return fail(error, where, "\"" + text + "\" is not a number");
-        }
-        out = std::stoull(digits, nullptr, hex ? 16 : 10);
-    } else {
-        return fail(error, where, "must be a number that is not negative");
-    }
-    if (out > maximum) {
-        return fail(error, where, std::to_string(out) + " is above " + std::to_string(maximum));
-    }
-    return true;
-}
-
-template <typename T>
-bool read_number(const json& object, const char* key, const std::string& where, T& out,
-                 std::string& error) {
-    if (!object.contains(key)) {
-        return true;
-    }
-    std::uint64_t value = 0;
-    if (!to_number(object[key], at(where, key), static_cast<T>(~T{0}), value, error)) {
-        return false;
-    }
-    out = static_cast<T>(value);
-    return true;
-}
-
-bool read_bool(const json& object, const char* key, const std::string& where, bool& out,
-               std::string& error) {
-    if (!object.contains(key)) {
-        return true;
-    }
-    if (!object[key].is_boolean()) {
-        return fail(error, at(where, key), "must be true or false");
-    }
-    out = object[key].get<bool>();
-    return true;
-}
-
-bool read_text(const json& object, const char* key, const std::string& where, std::string& out,
-               std::string& error) {
-    if (!object.contains(key)) {
-        return true;
-    }
-    if (!object[key].is_string()) {
-        return fail(error, at(where, key), "must be a text");
-    }
-    out = object[key].get<std::string>();
-    return true;
-}
+// A negative value and one that is not a number are refused in the same words.
+constexpr NumberRefusal kRefusal = NumberRefusal::Joined;
 
 // A Windows error by name ("ERROR_IO_DEVICE") or number.
 bool read_error(const json& object, const char* key, const std::string& where, win32::DWORD& out,
@@ -128,7 +50,7 @@ bool read_error(const json& object, const char* key, const std::string& where, w
         return true;
     }
     std::uint64_t number = 0;
-    if (!to_number(value, at(where, key), 0xFFFFFFFFu, number, error)) {
+    if (!read_number(value, field_path(where, key), 0xFFFFFFFFu, number, error, kRefusal)) {
         return false;
     }
     out = static_cast<win32::DWORD>(number);
@@ -143,16 +65,15 @@ bool read_revisions(const json& object, const char* key, const std::string& wher
     }
     const json& value = object[key];
     if (!value.is_array() || value.size() > count) {
-        return fail(error, at(where, key),
+        return fail(error, field_path(where, key),
                     "must be an array of at most " + std::to_string(count) + " numbers");
     }
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        std::uint64_t number = 0;
-        if (!to_number(value[i], at(where, key) + "[" + std::to_string(i) + "]", 0xFFFF, number,
-                       error)) {
-            return false;
-        }
-        *out[i] = static_cast<std::uint16_t>(number);
+    std::vector<std::uint64_t> numbers;
+    if (!read_numbers(value, field_path(where, key), 0xFFFF, numbers, error, kRefusal)) {
+        return false;
+    }
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        *out[i] = static_cast<std::uint16_t>(numbers[i]);
     }
     return true;
 }
@@ -166,7 +87,8 @@ bool read_sas_address(const json& object, const std::string& where,
     const std::string text = value.is_string() ? value.get<std::string>() : std::string();
     if (text.size() != 16 ||
         text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-        return fail(error, at(where, "sasAddress"), "must be a text of 16 hexadecimal digits");
+        return fail(error, field_path(where, "sasAddress"),
+                    "must be a text of 16 hexadecimal digits");
     }
     for (std::size_t i = 0; i < 8; ++i) {
         out[i] = static_cast<std::uint8_t>(std::stoul(text.substr(2 * i, 2), nullptr, 16));
@@ -183,13 +105,13 @@ bool read_link_end(const json& object, const std::string& where, CsmiLinkEnd& en
         return false;
     }
     end.deviceType = kEndDevice;
-    return read_number(object, "deviceType", where, end.deviceType, error) &&
-           read_number(object, "restricted", where, end.restricted, error) &&
-           read_number(object, "initiatorProtocol", where, end.initiatorProtocol, error) &&
-           read_number(object, "targetProtocol", where, end.targetProtocol, error) &&
+    return read_field(object, "deviceType", where, end.deviceType, error, kRefusal) &&
+           read_field(object, "restricted", where, end.restricted, error, kRefusal) &&
+           read_field(object, "initiatorProtocol", where, end.initiatorProtocol, error, kRefusal) &&
+           read_field(object, "targetProtocol", where, end.targetProtocol, error, kRefusal) &&
            read_sas_address(object, where, end.sasAddress, error) &&
-           read_number(object, "phyIdentifier", where, end.phyIdentifier, error) &&
-           read_number(object, "signalClass", where, end.signalClass, error);
+           read_field(object, "phyIdentifier", where, end.phyIdentifier, error, kRefusal) &&
+           read_field(object, "signalClass", where, end.signalClass, error, kRefusal);
 }
 
 bool read_phy(const json& object, const std::string& where, CsmiController& controller,
@@ -205,14 +127,16 @@ bool read_phy(const json& object, const std::string& where, CsmiController& cont
         return fail(error, where, "needs its phy number");
     }
     std::uint64_t number = 0;
-    if (!to_number(object["phy"], at(where, "phy"), controller.phys.size() - 1, number, error)) {
+    if (!read_number(object["phy"], field_path(where, "phy"), controller.phys.size() - 1, number,
+                     error, kRefusal)) {
         return false;
     }
     index = static_cast<std::size_t>(number);
     CsmiPhy phy;
     phy.identify.phyIdentifier = static_cast<std::uint8_t>(index);
     if (object.contains("identify")) {
-        if (!read_link_end(object["identify"], at(where, "identify"), phy.identify, error)) {
+        if (!read_link_end(object["identify"], field_path(where, "identify"), phy.identify,
+                           error)) {
             return false;
         }
         if (!object["identify"].contains("phyIdentifier")) {
@@ -220,21 +144,21 @@ bool read_phy(const json& object, const std::string& where, CsmiController& cont
         }
     }
     if (object.contains("attached") &&
-        !read_link_end(object["attached"], at(where, "attached"), phy.attached, error)) {
+        !read_link_end(object["attached"], field_path(where, "attached"), phy.attached, error)) {
         return false;
     }
-    if (!read_number(object, "portIdentifier", where, phy.portIdentifier, error) ||
-        !read_number(object, "negotiatedLinkRate", where, phy.negotiatedLinkRate, error) ||
-        !read_number(object, "minimumLinkRate", where, phy.minimumLinkRate, error) ||
-        !read_number(object, "maximumLinkRate", where, phy.maximumLinkRate, error) ||
-        !read_number(object, "phyChangeCount", where, phy.phyChangeCount, error) ||
-        !read_number(object, "autoDiscover", where, phy.autoDiscover, error) ||
-        !read_number(object, "phyFeatures", where, phy.phyFeatures, error) ||
+    if (!read_field(object, "portIdentifier", where, phy.portIdentifier, error, kRefusal) ||
+        !read_field(object, "negotiatedLinkRate", where, phy.negotiatedLinkRate, error, kRefusal) ||
+        !read_field(object, "minimumLinkRate", where, phy.minimumLinkRate, error, kRefusal) ||
+        !read_field(object, "maximumLinkRate", where, phy.maximumLinkRate, error, kRefusal) ||
+        !read_field(object, "phyChangeCount", where, phy.phyChangeCount, error, kRefusal) ||
+        !read_field(object, "autoDiscover", where, phy.autoDiscover, error, kRefusal) ||
+        !read_field(object, "phyFeatures", where, phy.phyFeatures, error, kRefusal) ||
         !read_text(object, "drive", where, phy.driveId, error)) {
         return false;
     }
     if (!phy.driveId.empty() && find_drive(machine(), phy.driveId) == nullptr) {
-        return fail(error, at(where, "drive"), "no drive with id \"" + phy.driveId + "\"");
+        return fail(error, field_path(where, "drive"), "no drive with id \"" + phy.driveId + "\"");
     }
     controller.phys[index] = phy;
     return true;
@@ -246,11 +170,11 @@ bool read_fault(const json& object, const std::string& where, CsmiFault& fault,
                     error)) {
         return false;
     }
-    if (!read_number(object, "code", where, fault.controlCode, error) ||
-        !read_number(object, "nth", where, fault.nth, error) ||
+    if (!read_field(object, "code", where, fault.controlCode, error, kRefusal) ||
+        !read_field(object, "nth", where, fault.nth, error, kRefusal) ||
         !read_bool(object, "onward", where, fault.onward, error) ||
         !read_error(object, "error", where, fault.error, error) ||
-        !read_number(object, "returnCode", where, fault.returnCode, error) ||
+        !read_field(object, "returnCode", where, fault.returnCode, error, kRefusal) ||
         !read_bool(object, "execute", where, fault.execute, error)) {
         return false;
     }
@@ -275,7 +199,7 @@ bool csmi_controller_from_json(const json& description, CsmiController& controll
         return fail(error, "", "a controller needs a port number");
     }
     std::uint64_t port = 0;
-    if (!to_number(description["port"], "port", 9999, port, error)) {
+    if (!read_number(description["port"], "port", 9999, port, error, kRefusal)) {
         return false;
     }
     controller.port = static_cast<int>(port);
@@ -302,8 +226,9 @@ bool csmi_controller_from_json(const json& description, CsmiController& controll
     if (description.contains("config")) {
         const json& config = description["config"];
         if (!check_keys(config, "config", {"boardId", "controllerFlags", "serialNumber"}, error) ||
-            !read_number(config, "boardId", "config", controller.boardId, error) ||
-            !read_number(config, "controllerFlags", "config", controller.controllerFlags, error) ||
+            !read_field(config, "boardId", "config", controller.boardId, error, kRefusal) ||
+            !read_field(config, "controllerFlags", "config", controller.controllerFlags, error,
+                        kRefusal) ||
             !read_text(config, "serialNumber", "config", controller.serialNumber, error)) {
             return false;
         }
@@ -331,7 +256,7 @@ bool csmi_controller_from_json(const json& description, CsmiController& controll
         }
     }
     controller.numberOfPhys = static_cast<std::uint8_t>(anyPhy ? highest + 1 : 0);
-    if (!read_number(description, "numberOfPhys", "", controller.numberOfPhys, error)) {
+    if (!read_field(description, "numberOfPhys", "", controller.numberOfPhys, error, kRefusal)) {
         return false;
     }
 

@@ -5,9 +5,11 @@
 #include <iterator>
 #include <set>
 #include <sstream>
+#include <vector>
 
 #include "sim/call_log.hpp"
 #include "sim/identify_data.hpp"
+#include "sim/json_fields.hpp"
 #include "sim/machine.hpp"
 #include "sim/text_encoding.hpp"
 
@@ -16,89 +18,6 @@ namespace sim {
 namespace {
 
 using nlohmann::json;
-
-// Every reader returns false with error set to "<where>: <what>".
-bool fail(std::string& error, const std::string& where, const std::string& what) {
-    error = where + ": " + what;
-    return false;
-}
-
-bool check_keys(const json& object, const std::string& where, const std::set<std::string>& allowed,
-                std::string& error) {
-    if (!object.is_object()) {
-        return fail(error, where, "must be an object");
-    }
-    for (const auto& item : object.items()) {
-        if (item.key() != "comment" && allowed.count(item.key()) == 0) {
-            return fail(error, where, "unknown key \"" + item.key() + "\"");
-        }
-    }
-    return true;
-}
-
-// A number given as a JSON integer or as a text ("0x1F", "31").
-bool read_number(const json& value, const std::string& where, std::uint64_t maximum,
-                 std::uint64_t& out, std::string& error) {
-    if (value.is_number_unsigned()) {
-        out = value.get<std::uint64_t>();
-    } else if (value.is_number_integer()) {
-        return fail(error, where, "must not be negative");
-    } else if (value.is_string()) {
-        const std::string text = value.get<std::string>();
-        const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-        const std::string digits = hex ? text.substr(2) : text;
-        if (digits.empty() || digits.size() > 16 ||
-            digits.find_first_not_of(hex ? "0123456789abcdefABCDEF" : "0123456789") !=
-                std::string::npos) {
-            return fail(error, where, "\"" + text + "\" is not a number");
-        }
-        out = std::stoull(digits, nullptr, hex ? 16 : 10);
-    } else {
-        return fail(error, where, "must be a number");
-    }
-    if (out > maximum) {
-        return fail(error, where, std::to_string(out) + " is above " + std::to_string(maximum));
-    }
-    return true;
-}
-
-template <typename T>
-bool read_field(const json& object, const char* key, const std::string& where, T& out,
-                std::string& error, std::uint64_t maximum = static_cast<T>(~T{0})) {
-    if (!object.contains(key)) {
-        return true;
-    }
-    std::uint64_t value = 0;
-    if (!read_number(object[key], where + "." + key, maximum, value, error)) {
-        return false;
-    }
-    out = static_cast<T>(value);
-    return true;
-}
-
-bool read_bool(const json& object, const char* key, const std::string& where, bool& out,
-               std::string& error) {
-    if (!object.contains(key)) {
-        return true;
-    }
-    if (!object[key].is_boolean()) {
-        return fail(error, where + "." + key, "must be true or false");
-    }
-    out = object[key].get<bool>();
-    return true;
-}
-
-bool read_text(const json& object, const char* key, const std::string& where, std::string& out,
-               std::string& error) {
-    if (!object.contains(key)) {
-        return true;
-    }
-    if (!object[key].is_string()) {
-        return fail(error, where + "." + key, "must be a text");
-    }
-    out = object[key].get<std::string>();
-    return true;
-}
 
 // A revision or other drive string: a text of 8-bit characters, or an array of byte values for
 // one that is not ASCII.
@@ -111,14 +30,11 @@ bool read_bytes_text(const json& value, const std::string& where, std::string& o
     if (!value.is_array()) {
         return fail(error, where, "must be a text or an array of bytes");
     }
-    out.clear();
-    for (std::size_t i = 0; i < value.size(); ++i) {
-        std::uint64_t byte = 0;
-        if (!read_number(value[i], where + "[" + std::to_string(i) + "]", 255, byte, error)) {
-            return false;
-        }
-        out += static_cast<char>(byte);
+    std::vector<std::uint64_t> bytes;
+    if (!read_numbers(value, where, 255, bytes, error)) {
+        return false;
     }
+    out.assign(bytes.begin(), bytes.end());
     return true;
 }
 
@@ -494,14 +410,11 @@ bool read_command_fault(const json& f, const std::string& where, CommandFault& f
         if (!sense.is_array() || sense.size() > 252) {
             return fail(error, where + ".sense", "must be an array of at most 252 bytes");
         }
-        for (std::size_t i = 0; i < sense.size(); ++i) {
-            std::uint64_t byte = 0;
-            if (!read_number(sense[i], where + ".sense[" + std::to_string(i) + "]", 255, byte,
-                             error)) {
-                return false;
-            }
-            fault.sense.push_back(static_cast<std::uint8_t>(byte));
+        std::vector<std::uint64_t> bytes;
+        if (!read_numbers(sense, where + ".sense", 255, bytes, error)) {
+            return false;
         }
+        fault.sense.assign(bytes.begin(), bytes.end());
     }
     return true;
 }
