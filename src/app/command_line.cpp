@@ -78,6 +78,29 @@ bool copy_path(wchar_t (&field)[kPathUnits], const wchar_t* text, std::size_t le
     return true;
 }
 
+// The download time-out: decimal digits only, 1 to 3600. A time-out is no place for a guess: a
+// typo that read as 0 or as a clamped huge value would change how the host treats a slow drive.
+bool read_timeout_seconds(const wchar_t* text, std::uint32_t& seconds) {
+    std::uint32_t value = 0;
+    if (*text == L'\0') {
+        return false;
+    }
+    for (; *text != L'\0'; ++text) {
+        if (*text < L'0' || *text > L'9') {
+            return false;
+        }
+        value = value * 10 + static_cast<std::uint32_t>(*text - L'0');
+        if (value > kMaxDownloadTimeoutSeconds) {
+            return false;
+        }
+    }
+    if (value == 0) {
+        return false;
+    }
+    seconds = value;
+    return true;
+}
+
 ParseResult end_run() {
     return {false, kExitCommandLine};
 }
@@ -209,6 +232,14 @@ ParseResult parse_command_line(int argumentCount, const char* programName, Devic
             context.interfaceKind |= ActivateRequested;
         } else if (begins_with(argument, L"/l")) {
             context.optionL = 1;
+        } else if (begins_with(argument, L"/t")) {
+            if (i + 1 >= wideCount) {
+                return error_at(argument, programName);
+            }
+            const wchar_t* seconds = arguments[++i];
+            if (!read_timeout_seconds(seconds, options.request.timeoutSeconds)) {
+                return error_at(seconds, programName);
+            }
         } else {
             return error_at(argument, programName);
         }

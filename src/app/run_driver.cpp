@@ -74,6 +74,7 @@ RunOptions make_run_options() {
     options.phyNumber = -1;
     options.request.downloadMode = kModeImmediate;
     options.request.segmentBlocks = 0x40;
+    options.request.timeoutSeconds = kDefaultDownloadTimeoutSeconds;
     return options;
 }
 

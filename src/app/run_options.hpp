@@ -13,5 +13,5 @@ struct RunOptions {
     std::int32_t retryCount;
 };
 
-// Defaults: no path, phy -1, address zero, mode 0x07, 64 blocks, no retry.
+// Defaults: no path, phy -1, address zero, mode 0x07, 64 blocks, a 5 s time-out, no retry.
 RunOptions make_run_options();

@@ -12,7 +12,6 @@ namespace {
 
 constexpr std::uint8_t kDownloadMicrocode = 0x92;
 constexpr std::uint8_t kDeviceLba = 0x40;
-constexpr std::uint32_t kDownloadTimeoutSeconds = 5;
 
 void print_plan(const TransferPlan& plan, std::uint8_t downloadMode, std::uint32_t imageBytes) {
     std::ostream& out = console::out();
@@ -65,7 +64,8 @@ Status download_firmware(DeviceContext& context, DownloadRequest request) {
     registers.features = request.downloadMode;
     set_block_count(registers, plan.blocksPerTransfer);
     context.commandWidth = Ata28;
-    context.timeoutSeconds = kDownloadTimeoutSeconds;
+    context.timeoutSeconds =
+        request.timeoutSeconds != 0 ? request.timeoutSeconds : kDefaultDownloadTimeoutSeconds;
     context.dataDirection = activation ? NoData : DataOut;
     context.transferLength = plan.transferBytes;
 

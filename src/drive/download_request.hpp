@@ -10,9 +10,14 @@ struct DownloadRequest {
     wchar_t fileName[kPathUnits]; // empty (all zero) without /D:
     std::uint8_t downloadMode;    // DOWNLOAD MICROCODE subcommand, sent in Features
     std::uint8_t segmentBlocks;   // blocks of 512 bytes per transfer; 0: whole image, 8 MiB cap
+    std::uint32_t timeoutSeconds; // of every DOWNLOAD MICROCODE, the activation included (/t)
 };
 
 constexpr std::uint8_t kModeSegmented = 0x03;
 constexpr std::uint8_t kModeImmediate = 0x07;
 constexpr std::uint8_t kModeDeferred = 0x0E;
 constexpr std::uint8_t kModeActivate = 0x0F;
+
+// Without /t. A drive that writes its flash can take far longer than this; /t gives it the time.
+constexpr std::uint32_t kDefaultDownloadTimeoutSeconds = 5;
+constexpr std::uint32_t kMaxDownloadTimeoutSeconds = 3600;
