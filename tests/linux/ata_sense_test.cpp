@@ -45,34 +45,22 @@ TEST_P(TaskFileFromSense, RegistersStandWhereTheTranslatorPutThem) {
 INSTANTIATE_TEST_SUITE_P(
     Formats, TaskFileFromSense,
     testing::Values(
-        // Linux 6.1 over QEMU's AHCI disk, IDENTIFY DEVICE sent with CK_COND: good data, DRQ
-        // still set in the ending status.
-        TaskFileCase{"Linux61IdentifyOnAhci",
-                     {0x70, 0, 0x0B, 0, 0, 0, 0, 0x0A, 0x00, 0x58, 0x00, 0x01, 0, 0, 0, 0, 0, 0},
-                     18,
-                     {0x00, 0x01, 0x00, 0, 0, 0x00, 0x58},
-                     {}},
-        // Linux 6.1, READ LOG EXT aborted: 48-bit flags in byte 16, LBA (7:0) in byte 17; the
-        // rest of the LBA lies past the 18 bytes written.
-        TaskFileCase{
-            "Linux61ReadLogExtAborted",
-            {0x70, 0, 0x0B, 0, 0, 0, 0, 0x0A, 0x04, 0x41, 0x00, 0x01, 0, 0, 0, 0, 0x80, 0x30},
-            18,
-            {0x04, 0x01, 0x30, 0, 0, 0x00, 0x41},
-            {}},
-        TaskFileCase{"Linux61DownloadMicrocodeAborted",
-                     {0x70, 0, 0x0B, 0, 0, 0, 0, 0x0A, 0x04, 0x41, 0x40, 0x40, 0, 0, 0, 0, 0, 0},
-                     18,
-                     {0x04, 0x40, 0x00, 0, 0, 0x40, 0x41},
-                     {}},
-        // Linux 6.10 and later: VALID set, Error, Status, Device and Count in the INFORMATION
-        // field, LBA (7:0) to (23:16) in bytes 9 to 11.
+        // VALID set: Error, Status, Device and Count in the INFORMATION field, LBA (7:0) to
+        // (23:16) in bytes 9 to 11.
         TaskFileCase{
             "SatFixedFormatWithValid",
             {0xF0, 0, 0x0B, 0x04, 0x51, 0x40, 0x40, 0x0A, 0x00, 0x12, 0x34, 0x56, 0, 0, 0, 0, 0, 0},
             18,
             {0x04, 0x40, 0x12, 0x34, 0x56, 0x40, 0x51},
             {}},
+        // A drive with the Sense Data Reporting feature set reports its own sense data for the
+        // abort; libata keeps it beside the registers. The key is the drive's, not a refusal.
+        TaskFileCase{"DrivesOwnIllegalRequestWithRegisters",
+                     {0xF0, 0, 0x05, 0x04, 0x51, 0x40, 0x01, 0x0A, 0x00, 0x00, 0x00, 0x00, 0x24, 0,
+                      0, 0, 0, 0},
+                     18,
+                     {0x04, 0x01, 0x00, 0x00, 0x00, 0x40, 0x51},
+                     {}},
         // Success with CK_COND: RECOVERED ERROR, 00/1D, the ATA Status Return descriptor.
         TaskFileCase{"DescriptorFormat28Bit",
                      {0x72, 0x01, 0x00, 0x1D, 0,    0,    0,    0x0E, 0x09, 0x0C, 0x00,
@@ -86,9 +74,9 @@ INSTANTIATE_TEST_SUITE_P(
                      22,
                      {0x00, 0x01, 0x02, 0x03, 0x04, 0x40, 0x50},
                      {0, 0x11, 0x22, 0x33, 0x44}},
-        // The ATA descriptor need not come first.
-        TaskFileCase{"DescriptorAfterAnother",
-                     {0x72, 0x0B, 0x00, 0x00, 0, 0, 0, 0x1A, 0x00, 0x0A, 0x80, 0,
+        // The ATA descriptor need not come first, and it is the outcome whatever the key.
+        TaskFileCase{"DescriptorAfterAnotherUnderIllegalRequest",
+                     {0x72, 0x05, 0x24, 0x00, 0, 0, 0, 0x1A, 0x00, 0x0A, 0x80, 0,
                       0,    0,    0,    0,    0, 0, 0, 0,    0x09, 0x0C, 0x00, 0x04,
                       0x00, 0x40, 0,    0,    0, 0, 0, 0,    0x40, 0x41},
                      34,
@@ -123,8 +111,9 @@ INSTANTIATE_TEST_SUITE_P(
                     {0x72, 0x05, 0x20, 0x00, 0, 0, 0, 0x00},
                     8,
                     AtaSenseVerdict::CommandRefused},
+        // libata refusing a CDB field: VALID clear, the drive saw nothing.
         VerdictCase{"InvalidFieldInCdb",
-                    {0xF0, 0, 0x05, 0, 0, 0, 0, 0x0A, 0, 0, 0, 0, 0x24, 0x00, 0, 0, 0, 0},
+                    {0x70, 0, 0x05, 0, 0, 0, 0, 0x0A, 0, 0, 0, 0, 0x24, 0x00, 0, 0, 0, 0},
                     18,
                     AtaSenseVerdict::FieldRefused},
         // A descriptor list whose ATA descriptor is cut off by the written length.

@@ -37,13 +37,15 @@ run_case() {
     while IFS= read -r line || [ -n "$line" ]; do
         set -- "$@" "$line"
     done <"$case_dir/args"
+    program=quenmark
+    [ -f "$case_dir/program" ] && program=$(cat "$case_dir/program")
     echo >"$tracing/trace"
     start=$(uptime_cs)
     if [ -f "$case_dir/user" ]; then
-        (cd /work && su -s /bin/sh "$(cat "$case_dir/user")" -c 'exec quenmark "$@"' quenmark \
+        (cd /work && su -s /bin/sh "$(cat "$case_dir/user")" -c 'exec "$0" "$@"' "$program" \
             "$@" >"$out/stdout" 2>"$out/stderr")
     else
-        (cd /work && quenmark "$@" >"$out/stdout" 2>"$out/stderr")
+        (cd /work && "$program" "$@" >"$out/stdout" 2>"$out/stderr")
     fi
     echo $? >"$out/exit"
     end=$(uptime_cs)

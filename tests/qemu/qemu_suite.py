@@ -1,11 +1,21 @@
 #!/usr/bin/env python3
-"""The Linux build against the Linux kernel's own SAT layer: one QEMU boot (software emulation)
-with an AHCI disk, an ATAPI CD-ROM on the same controller and a SCSI disk on virtio-scsi. Every
-case runs inside the VM; stdout, stderr, the exit code and the ATA commands libata issued come
-back to the host over a second serial port and are compared byte for byte.
+"""The Linux build against the Linux kernel's own SAT layer, on the kernels users run: one QEMU
+boot (software emulation) per kernel, each with an AHCI disk, an ATAPI CD-ROM on the same
+controller and a SCSI disk on virtio-scsi. Every case runs inside the VM; stdout, stderr, the exit
+code and the ATA commands libata issued come back to the host over a second serial port and are
+compared byte for byte.
+
+Kernels:
+  6.1   Debian 12's, the host's installed linux-image-amd64
+  6.12  Debian 13's linux-image-6.12.*-amd64, fetched from the trixie suite with apt-get download
+        (an extra sources file of the suite's own, the mirror taken from the host's apt sources),
+        unpacked with dpkg -x into build/qemu-kernels/ and kept there; nothing is installed on the
+        host and the host's apt configuration is not changed
 
 A case is a folder of tests/qemu/expected:
   args          one argument per line (UTF-8), without the program name
+  program       run this program of the VM's /bin instead of quenmark (optional):
+                quenmark-sense-capture, which prints the sense data each kernel writes back
   user          run as this user (nobody) instead of root (optional)
   hold          run in the background and start the next case this many seconds later; the
                 two then overlap (optional)
@@ -14,8 +24,12 @@ A case is a folder of tests/qemu/expected:
   ata-commands  the ATA commands libata issued during the run, one per line: port, command,
                 the task file as libata traces it, protocol (optional; an empty file says that
                 no ATA command was issued; --update rewrites only the files that exist)
+  KERNEL/       what one kernel answers differently (6.12/stdout, say), with KERNEL/why: one
+                line saying what that kernel does differently. The files beside args hold what
+                every kernel without its own file answers.
 
-Usage: qemu_suite.py --exe build/linux/quenmark [--update] [--keep] [CASE...]
+Usage: qemu_suite.py --exe build/linux/quenmark --capture build/linux/tests/quenmark-sense-capture
+                     [--kernel 6.1|6.12|all] [--update] [--keep] [CASE...]
 Device names in the VM are fixed by the order in which the drivers are loaded: /dev/sda (with
 one partition, /dev/sda1) and /dev/sg0 are the AHCI disk, /dev/sr0 and /dev/sg1 the CD-ROM,
 /dev/sdb and /dev/sg2 the SCSI disk.
@@ -25,6 +39,7 @@ import base64
 import glob
 import gzip
 import io
+import lzma
 import os
 import re
 import shutil
@@ -63,22 +78,119 @@ def fail(message):
     sys.exit(2)
 
 
-def find_kernel():
-    """The newest installed Debian kernel whose modules are there too."""
+KERNELS = ("6.1", "6.12")
+CACHE = os.path.join(os.path.dirname(os.path.dirname(HERE)), "build", "qemu-kernels")
+KEYRING = "/usr/share/keyrings/debian-archive-keyring.gpg"
+
+
+class Kernel:
+    """A kernel to boot: its image and the folder that holds its modules and modules.dep."""
+
+    def __init__(self, label, version, image, modules_root):
+        self.label, self.version, self.image, self.modules_root = label, version, image, modules_root
+
+
+def version_key(version):
+    return [int(p) if p.isdigit() else p for p in re.split(r"[.+-]", version)]
+
+
+def host_kernel():
+    """Debian 12's kernel: the newest installed one whose modules are there too."""
     found = []
-    for image in glob.glob("/boot/vmlinuz-*"):
+    for image in glob.glob("/boot/vmlinuz-6.1.*"):
         version = image[len("/boot/vmlinuz-"):]
         if os.path.isfile("/lib/modules/%s/modules.dep" % version):
             found.append((version, image))
     if not found:
-        fail("no kernel with modules under /boot and /lib/modules (apt-get install linux-image-amd64)")
-    found.sort(key=lambda item: [int(p) if p.isdigit() else p for p in re.split(r"[.-]", item[0])])
-    return found[-1]
+        fail("no 6.1 kernel with modules under /boot and /lib/modules (apt-get install linux-image-amd64)")
+    found.sort(key=lambda item: version_key(item[0]))
+    version, image = found[-1]
+    return Kernel("6.1", version, image, "/lib/modules/" + version)
 
 
-def module_files(version, names):
-    """The .ko files of names and everything they depend on, dependencies first."""
-    root = "/lib/modules/" + version
+def host_mirror():
+    """The Debian mirror of the host's own apt sources (deb822 or one-line), never a fixed one."""
+    for path in sorted(glob.glob("/etc/apt/sources.list.d/*.sources")):
+        with open(path) as f:
+            for stanza in f.read().split("\n\n"):
+                fields = {}
+                for line in stanza.splitlines():
+                    if ":" in line and not line.startswith("#"):
+                        key, _, value = line.partition(":")
+                        fields[key.strip().lower()] = value.split()
+                suites = fields.get("suites", [])
+                if "deb" in fields.get("types", []) and any(
+                        s in ("bookworm", "trixie", "stable") for s in suites):
+                    return fields["uris"][0]
+    for path in ["/etc/apt/sources.list"] + sorted(glob.glob("/etc/apt/sources.list.d/*.list")):
+        if not os.path.exists(path):
+            continue
+        with open(path) as f:
+            for line in f:
+                words = re.sub(r"\[[^]]*\]", "", line).split()
+                if len(words) >= 3 and words[0] == "deb" and words[2] in ("bookworm", "trixie", "stable"):
+                    return words[1]
+    fail("no Debian mirror for bookworm or trixie in the host's apt sources")
+
+
+def fetched_kernel():
+    """Debian 13's kernel, fetched once into the build tree's cache and reused from there."""
+    cached = sorted(glob.glob(os.path.join(CACHE, "*", "ready")), key=lambda p: version_key(
+        os.path.basename(os.path.dirname(p))))
+    if not cached:
+        fetch_trixie_kernel()
+        cached = glob.glob(os.path.join(CACHE, "*", "ready"))
+    folder = os.path.dirname(cached[-1])
+    version = os.path.basename(folder)
+    return Kernel("6.12", version, os.path.join(folder, "boot", "vmlinuz-" + version),
+                  os.path.join(folder, "usr", "lib", "modules", version))
+
+
+def fetch_trixie_kernel():
+    started = time.monotonic()
+    apt = os.path.join(CACHE, "apt")
+    for d in ("lists/partial", "cache/archives/partial", "download"):
+        os.makedirs(os.path.join(apt, d), exist_ok=True)
+    sources = os.path.join(apt, "sources.list")
+    with open(sources, "w") as f:
+        f.write("deb [signed-by=%s] %s trixie main\n" % (KEYRING, host_mirror()))
+    # Only the suite's own files: the host's sources, lists and caches are neither read nor changed.
+    options = ["-q", "-o", "Dir::Etc::SourceList=" + sources, "-o", "Dir::Etc::SourceParts=/nonexistent",
+               "-o", "Dir::State::Lists=" + os.path.join(apt, "lists"),
+               "-o", "Dir::Cache=" + os.path.join(apt, "cache"), "-o", "APT::Sandbox::User=root"]
+    subprocess.run(["apt-get"] + options + ["update"], check=True, stdout=subprocess.DEVNULL)
+    shown = subprocess.run(["apt-cache"] + options + ["show", "linux-image-amd64"], check=True,
+                           stdout=subprocess.PIPE, text=True).stdout
+    packages = sorted(set(re.findall(r"linux-image-(6\.12\.[0-9]+\+deb13-amd64)\b", shown)),
+                      key=version_key)
+    if not packages:
+        fail("trixie's linux-image-amd64 does not depend on a 6.12 kernel")
+    version = packages[-1]
+    download = os.path.join(apt, "download")
+    subprocess.run(["apt-get"] + options + ["download", "linux-image-" + version], check=True,
+                   cwd=download, stdout=subprocess.DEVNULL)
+    deb = glob.glob(os.path.join(download, "linux-image-%s_*.deb" % version))[0]
+    folder = os.path.join(CACHE, version)
+    shutil.rmtree(folder, ignore_errors=True)
+    subprocess.run(["dpkg", "-x", deb, folder], check=True)
+    os.remove(deb)
+    # The package has no modules.dep (it is made when a kernel is installed): depmod writes it
+    # into the cache; it looks for modules under lib/modules of the folder it is given.
+    os.symlink("usr/lib", os.path.join(folder, "lib"))
+    subprocess.run(["depmod", "-b", folder, version], check=True)
+    # Modules ship compressed with xz; busybox's insmod loads them only decompressed.
+    root = os.path.join(folder, "usr", "lib", "modules", version)
+    for path in module_files(root, MODULES, compressed=True):
+        with lzma.open(path) as packed, open(path[:-len(".xz")], "wb") as unpacked:
+            shutil.copyfileobj(packed, unpacked)
+    with open(os.path.join(folder, "ready"), "w") as f:
+        f.write(version + "\n")
+    print("kernel %s fetched into %s in %.1f s" % (version, folder, time.monotonic() - started))
+
+
+def module_files(root, names, compressed=False):
+    """The module files of names and everything they depend on, dependencies first. Compressed
+    modules are named by their decompressed files unless compressed is set."""
     deps = {}
     with open(os.path.join(root, "modules.dep")) as f:
         for line in f:
@@ -107,9 +219,12 @@ def module_files(version, names):
         if name in builtin:
             continue
         if name not in by_name:
-            fail("kernel %s has no module %s" % (version, name))
+            fail("%s has no module %s" % (root, name))
         add(by_name[name])
-    return [os.path.join(root, p) for p in order]
+    files = [os.path.join(root, p) for p in order]
+    if not compressed:
+        files = [f[:-len(".xz")] if f.endswith(".ko.xz") else f for f in files]
+    return files
 
 
 class Cpio:
@@ -166,7 +281,7 @@ def find_cases(names):
     return cases
 
 
-def build_initramfs(exe, modules, cases):
+def build_initramfs(exe, capture, modules, cases):
     with open("/bin/busybox", "rb") as f:
         if b"ld-linux" in f.read(1 << 16):
             fail("/bin/busybox is not the static one (apt-get install busybox-static)")
@@ -179,6 +294,8 @@ def build_initramfs(exe, modules, cases):
         archive.file("bin/busybox", f.read(), 0o755)
     with open(exe, "rb") as f:
         archive.file("bin/quenmark", f.read(), 0o755)
+    with open(capture, "rb") as f:
+        archive.file("bin/quenmark-sense-capture", f.read(), 0o755)
     with open(os.path.join(HERE, "init.sh"), "rb") as f:
         archive.file("init", f.read(), 0o755)
     names = []
@@ -192,7 +309,7 @@ def build_initramfs(exe, modules, cases):
         archive.file("work/" + name, image_bytes(size))
     for case in cases:
         archive.directory("cases/" + case)
-        for item in ("args", "user", "hold"):
+        for item in ("args", "program", "user", "hold"):
             path = os.path.join(EXPECTED, case, item)
             if os.path.exists(path):
                 with open(path, "rb") as f:
@@ -288,31 +405,71 @@ def normalise_trace(data):
         match = TRACE_LINE.search(line)
         if match:
             port, proto, cmd, tf = match.groups()
+            # ATAPI packets carry SCSI commands: the run's INQUIRY, but also the kernel's own
+            # media polling of the CD-ROM, at moments the run does not control.
+            if cmd == b"ATA_CMD_PACKET":
+                continue
             lines.append(b"ata%s %s %s %s" % (port, cmd, tf, proto))
     return b"".join(l + b"\n" for l in lines)
 
 
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--exe", required=True)
-    parser.add_argument("--update", action="store_true",
-                        help="write what the VM returned as the expected files")
-    parser.add_argument("--keep", action="store_true", help="keep the work folder")
-    parser.add_argument("cases", nargs="*")
-    options = parser.parse_args()
-    if not os.access(options.exe, os.X_OK):
-        fail("no executable " + options.exe)
+RESULT_FILES = ("stdout", "stderr", "exit", "ata-commands")
 
-    begun = time.monotonic()
-    version, kernel = find_kernel()
-    modules = module_files(version, MODULES)
-    cases = find_cases(options.cases)
-    initramfs = build_initramfs(options.exe, modules, cases)
-    work = tempfile.mkdtemp(prefix="quenmark-qemu.")
-    print("kernel %s, %d modules, %d cases, initramfs %d KiB" % (
-        version, len(modules), len(cases), len(initramfs) // 1024))
-    archive, elapsed, console = run_vm(kernel, initramfs, work)
-    print("VM: ran every case and powered off after %.1f s" % elapsed)
+
+def expected_path(case, kernel, name):
+    """The file that holds what kernel must answer: its own, else the shared one."""
+    own = os.path.join(EXPECTED, case, kernel, name)
+    return own if os.path.exists(own) else os.path.join(EXPECTED, case, name)
+
+
+def update_expected(case, kernel, name, data):
+    """--update: the first kernel writes the shared file; a later one writes its own file only
+    where it answers differently (its why must then be written by hand)."""
+    shared = os.path.join(EXPECTED, case, name)
+    own_folder = os.path.join(EXPECTED, case, kernel)
+    own = os.path.join(own_folder, name)
+    if name == "ata-commands" and not os.path.exists(shared):
+        return
+    if kernel == KERNELS[0]:
+        with open(shared, "wb") as f:
+            f.write(data)
+        return
+    with open(shared, "rb") as f:
+        same = f.read() == data
+    if same:
+        if os.path.exists(own):
+            os.remove(own)
+        return
+    os.makedirs(own_folder, exist_ok=True)
+    with open(own, "wb") as f:
+        f.write(data)
+
+
+def check_notes(cases):
+    """Every kernel's own answer carries its one-line why."""
+    problems = []
+    for case in cases:
+        for kernel in KERNELS:
+            folder = os.path.join(EXPECTED, case, kernel)
+            if not os.path.isdir(folder):
+                continue
+            why = os.path.join(folder, "why")
+            if not os.path.exists(why) or len(open(why).read().strip().splitlines()) != 1:
+                problems.append("%s/%s: no one-line why" % (case, kernel))
+            if not [n for n in os.listdir(folder) if n in RESULT_FILES]:
+                problems.append("%s/%s: a why without a differing file" % (case, kernel))
+    return problems
+
+
+def run_kernel(kernel, options, cases):
+    """Boots kernel once, runs every case and compares; returns (passed, failed)."""
+    modules = module_files(kernel.modules_root, MODULES)
+    initramfs = build_initramfs(options.exe, options.capture, modules, cases)
+    work = tempfile.mkdtemp(prefix="quenmark-qemu-%s." % kernel.label)
+    print("kernel %s (%s), %d modules, %d cases, initramfs %d KiB" % (
+        kernel.label, kernel.version, len(modules), len(cases), len(initramfs) // 1024))
+    archive, elapsed, console = run_vm(kernel.image, initramfs, work)
+    print("VM %s: ran every case and powered off after %.1f s" % (kernel.label, elapsed))
 
     def got(case, name):
         try:
@@ -323,22 +480,19 @@ def main():
 
     passed = failed = 0
     for case in cases:
-        folder = os.path.join(EXPECTED, case)
         result = {name: got(case, name) for name in ("stdout", "stderr", "exit", "trace", "seconds")}
         if result["exit"] is None:
             failed += 1
-            print("FAIL %s\n  no result came back" % case)
+            print("FAIL %s %s\n  no result came back" % (kernel.label, case))
             continue
         result["stdout"] = normalise_date(result["stdout"])
         result["ata-commands"] = normalise_trace(result["trace"] or b"")
         failures = []
-        for name in ("stdout", "stderr", "exit", "ata-commands"):
-            path = os.path.join(folder, name)
+        for name in RESULT_FILES:
             if options.update:
-                if name != "ata-commands" or os.path.exists(path):
-                    with open(path, "wb") as f:
-                        f.write(result[name])
+                update_expected(case, kernel.label, name, result[name])
                 continue
+            path = expected_path(case, kernel.label, name)
             if not os.path.exists(path):
                 if name != "ata-commands":
                     failures.append("%s: no expected file" % name)
@@ -346,20 +500,52 @@ def main():
             with open(path, "rb") as f:
                 expected = f.read()
             if expected != result[name]:
-                failures.append("%s differs\n--- expected\n%s\n--- got\n%s" % (
-                    name, expected.decode("utf-8", "replace"),
+                failures.append("%s differs\n--- expected (%s)\n%s\n--- got\n%s" % (
+                    name, os.path.relpath(path, EXPECTED), expected.decode("utf-8", "replace"),
                     result[name].decode("utf-8", "replace")))
         seconds = (result["seconds"] or b"?").decode().strip()
         if failures:
             failed += 1
-            print("FAIL %s (%s s)\n  %s" % (case, seconds, "\n  ".join(failures)))
+            print("FAIL %s %s (%s s)\n  %s" % (kernel.label, case, seconds, "\n  ".join(failures)))
         else:
             passed += 1
-            print("ok   %s (%s s)" % (case, seconds))
+            print("ok   %s %s (%s s)" % (kernel.label, case, seconds))
     if options.keep or failed:
         print("work folder: " + work)
     else:
         shutil.rmtree(work, ignore_errors=True)
+    return passed, failed
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--exe", required=True)
+    parser.add_argument("--capture", required=True, help="the sense capture program")
+    parser.add_argument("--kernel", choices=KERNELS + ("all",), default="all",
+                        help="boot only this kernel (default: every kernel, one boot each)")
+    parser.add_argument("--update", action="store_true",
+                        help="write what the VM returned as the expected files")
+    parser.add_argument("--keep", action="store_true", help="keep the work folder")
+    parser.add_argument("cases", nargs="*")
+    options = parser.parse_args()
+    for program in (options.exe, options.capture):
+        if not os.access(program, os.X_OK):
+            fail("no executable " + program)
+
+    begun = time.monotonic()
+    cases = find_cases(options.cases)
+    labels = KERNELS if options.kernel == "all" else (options.kernel,)
+    kernels = [host_kernel() if label == "6.1" else fetched_kernel() for label in labels]
+    passed = failed = 0
+    for kernel in kernels:
+        started = time.monotonic()
+        p, f = run_kernel(kernel, options, cases)
+        print("kernel %s: %d passed, %d failed (%.1f s)" % (kernel.label, p, f,
+                                                             time.monotonic() - started))
+        passed, failed = passed + p, failed + f
+    for problem in check_notes(cases):
+        failed += 1
+        print("FAIL " + problem)
     print("%d passed, %d failed (%.1f s in all)" % (passed, failed, time.monotonic() - begun))
     return 1 if failed or not cases else 0
 

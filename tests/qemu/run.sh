@@ -1,16 +1,19 @@
 #!/usr/bin/env bash
-# The Linux build (build/linux/quenmark) inside one QEMU VM, against the Linux kernel's own SAT
-# layer: an AHCI disk, an ATAPI CD-ROM and a virtio-scsi disk. Builds what it needs, installs
-# Debian's qemu-system-x86, linux-image-amd64 and busybox-static when they are missing, prints
-# one line per case and 'N passed, N failed', and exits non-zero on any mismatch.
-#   bash tests/qemu/run.sh [--update] [--keep] [CASE...]
+# The Linux build (build/linux/quenmark) inside QEMU VMs, against the Linux kernel's own SAT
+# layer: an AHCI disk, an ATAPI CD-ROM and a virtio-scsi disk, on Debian 12's kernel (6.1) and on
+# Debian 13's (6.12, fetched into build/qemu-kernels/ on the first run), one boot each. Builds
+# what it needs, installs Debian's qemu-system-x86, linux-image-amd64, busybox-static and kmod
+# when they are missing, prints one line per case and kernel and 'N passed, N failed', and exits
+# non-zero on any mismatch.
+#   bash tests/qemu/run.sh [--kernel 6.1|6.12] [--update] [--keep] [CASE...]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 cd "$root"
 
 missing=()
 command -v qemu-system-x86_64 >/dev/null || missing+=(qemu-system-x86)
-compgen -G "/boot/vmlinuz-*" >/dev/null || missing+=(linux-image-amd64)
+compgen -G "/boot/vmlinuz-6.1.*" >/dev/null || missing+=(linux-image-amd64)
+command -v depmod >/dev/null || missing+=(kmod)
 dpkg-query -W -f='${Status}' busybox-static 2>/dev/null | grep -q "ok installed" ||
   missing+=(busybox-static)
 if ((${#missing[@]})); then
@@ -21,6 +24,7 @@ fi
 
 started=$SECONDS
 cmake --preset linux >/dev/null
-cmake --build build/linux -j"${JOBS:-2}" --target quenmark
+cmake --build build/linux -j"${JOBS:-2}" --target quenmark quenmark-sense-capture
 echo "build: $((SECONDS - started)) s"
-exec python3 tests/qemu/qemu_suite.py --exe build/linux/quenmark "$@"
+exec python3 tests/qemu/qemu_suite.py --exe build/linux/quenmark \
+  --capture build/linux/tests/quenmark-sense-capture "$@"

@@ -68,13 +68,17 @@ AtaSenseReading read_descriptor_format(const std::uint8_t* sense, std::size_t wr
     return empty_reading(refusal(sense[1], sense[2]));
 }
 
-// Fixed format. With VALID set the registers stand where SAT puts them: Error, Status, Device
-// and Count in the INFORMATION field (bytes 3 to 6), LBA (7:0) to (23:16) in bytes 9 to 11.
-// Without it they stand where libata put them until Linux 6.10: Error, Status, Device, Count in
-// bytes 8 to 11 and LBA (7:0) to (23:16) in bytes 17 to 19, of which its 18 bytes of sense data
-// hold only the first; what was not written reads as 0.
+// Fixed format. With VALID set the INFORMATION field holds the drive's registers, whatever the
+// sense key: since Linux 6.10 libata may return a drive's own sense data (ILLEGAL REQUEST 24/00
+// for an abort, say) beside the registers of the command it ended. Error, Status, Device and
+// Count stand in the INFORMATION field (bytes 3 to 6), LBA (7:0) to (23:16) in bytes 9 to 11.
+// Without VALID, ILLEGAL REQUEST is libata refusing the CDB before the drive saw it; any other
+// key carries the registers where libata put them until Linux 6.10: Error, Status, Device and
+// Count in bytes 8 to 11 and LBA (7:0) to (23:16) in bytes 17 to 19, of which its 18 bytes of
+// sense data hold only the first. What was not written reads as 0.
 AtaSenseReading read_fixed_format(const std::uint8_t* sense, std::size_t written) {
-    if (written > 12) {
+    const bool valid = (sense[0] & kValid) != 0;
+    if (!valid && written > 12) {
         const AtaSenseVerdict refused = refusal(sense[2], sense[12]);
         if (refused != AtaSenseVerdict::NoTaskFile) {
             return empty_reading(refused);
@@ -85,7 +89,7 @@ AtaSenseReading read_fixed_format(const std::uint8_t* sense, std::size_t written
     }
     AtaSenseReading reading = empty_reading(AtaSenseVerdict::TaskFile);
     const auto byte = [&](std::size_t at) -> std::uint8_t { return at < written ? sense[at] : 0; };
-    if ((sense[0] & kValid) != 0) {
+    if (valid) {
         reading.current[Error] = byte(3);
         reading.current[Status] = byte(4);
         reading.current[Device] = byte(5);
@@ -120,6 +124,14 @@ AtaSenseReading read_ata_sense(const std::uint8_t* sense, std::size_t written) {
     default:
         return empty_reading(AtaSenseVerdict::NoTaskFile);
     }
+}
+
+bool sense_shows_ata_error(const std::uint8_t* sense, std::size_t written) {
+    constexpr std::uint8_t kStatusDeviceFault = 0x20;
+    constexpr std::uint8_t kStatusError = 0x01;
+    const AtaSenseReading reading = read_ata_sense(sense, written);
+    return reading.verdict == AtaSenseVerdict::TaskFile &&
+           (reading.current[Status] & (kStatusDeviceFault | kStatusError)) != 0;
 }
 
 } // namespace linux_backend

@@ -26,4 +26,10 @@ struct AtaSenseReading {
 // Reads only the `written` bytes the kernel reported, whatever the sense data claim.
 AtaSenseReading read_ata_sense(const std::uint8_t* sense, std::size_t written);
 
+// Linux 6.12 answers an ATA PASS-THROUGH sent without CK_COND to a drive that aborts it (an
+// ATAPI device aborting IDENTIFY DEVICE) with GOOD and no data, yet writes sense data holding
+// the abort. True when sense data written beside a GOOD status carry the drive's registers with
+// ERR or DF set in Status: the command failed, whatever the status says.
+bool sense_shows_ata_error(const std::uint8_t* sense, std::size_t written);
+
 } // namespace linux_backend

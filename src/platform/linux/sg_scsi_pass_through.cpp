@@ -3,12 +3,17 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/linux/ata_sense.hpp"
 #include "platform/linux/sg_io.hpp"
 
 namespace linux_backend {
 namespace {
 
 constexpr win32::DWORD kRecordSize = sizeof(win32::SCSI_PASS_THROUGH_DIRECT);
+constexpr std::uint8_t kAtaPassThrough16 = 0x85;
+constexpr std::uint8_t kAtaPassThrough12 = 0xA1;
+constexpr std::uint8_t kGood = 0x00;
+constexpr std::uint8_t kCheckCondition = 0x02;
 
 } // namespace
 
@@ -62,9 +67,18 @@ win32::DWORD sg_scsi_pass_through(int fd, const void* in, win32::DWORD inSize, v
                             request.TimeOutValue,
                             sense,
                             request.SenseInfoLength};
-    const SgOutcome outcome = send_sg_io(fd, command);
+    SgOutcome outcome = send_sg_io(fd, command);
     if (outcome.error != ERROR_SUCCESS) {
         return outcome.error;
+    }
+    // A GOOD that the kernel's own sense data contradict is a failed command that moved nothing,
+    // as it is on the kernels that report it with CHECK CONDITION.
+    const bool ataPassThrough =
+        request.Cdb[0] == kAtaPassThrough16 || request.Cdb[0] == kAtaPassThrough12;
+    if (ataPassThrough && outcome.scsiStatus == kGood &&
+        sense_shows_ata_error(sense, outcome.senseLength)) {
+        outcome.scsiStatus = kCheckCondition;
+        outcome.moved = 0;
     }
 
     auto* bytes = static_cast<std::uint8_t*>(out);
