@@ -16,23 +16,23 @@ std::uint32_t transfer_percent(std::uint32_t index, std::uint32_t transferCount)
     return static_cast<std::uint32_t>(std::floor(fraction * 100.0f));
 }
 
-char spinner_character(std::int32_t counter) {
+const char* spinner_character(std::int32_t counter) {
     switch (counter % 4) {
     case 1:
-        return '/';
+        return "/";
     case 2:
-        return static_cast<char>(0xC4);
+        return console::kHorizontalLine;
     case 3:
-        return '\\';
+        return "\\";
     default:
-        return '|';
+        return "|";
     }
 }
 
 void draw_progress_line(std::uint32_t percent) {
     // Wraps rather than overflowing; two billion transfers never happen in one process anyway.
     spinnerCounter = static_cast<std::int32_t>(static_cast<std::uint32_t>(spinnerCounter) + 1u);
-    const char spinner = spinner_character(spinnerCounter);
+    const char* spinner = spinner_character(spinnerCounter);
 
     constexpr std::uint32_t kBarMax = 20; // at 95 % to 99 %
     char bar[kBarMax + 1];
@@ -45,5 +45,5 @@ void draw_progress_line(std::uint32_t percent) {
 
     // A percentage of exactly 1 has always been shown as 0; the bar still counts it.
     const double shown = percent == 1 ? 0.0 : static_cast<double>(percent);
-    console::printf("\r\t%s %c : %.f%%", bar, spinner, shown);
+    console::printf("\r\t%s %s : %.f%%", bar, spinner, shown);
 }

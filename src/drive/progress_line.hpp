@@ -11,8 +11,9 @@ extern std::int32_t spinnerCounter;
 // shown it (53 of 100 shows 52). transferCount must not be 0.
 std::uint32_t transfer_percent(std::uint32_t index, std::uint32_t transferCount);
 
-// '/', 0xC4 (a horizontal line in code page 437), '\' and '|' for counter modulo 4 = 1, 2, 3, 0.
-char spinner_character(std::int32_t counter);
+// "/", the horizontal line (console::kHorizontalLine), "\" and "|" for counter modulo 4 = 1, 2,
+// 3, 0.
+const char* spinner_character(std::int32_t counter);
 
 // Advances spinnerCounter and prints "\r\t<bar> <spinner> : <percent>%" with no line end.
 void draw_progress_line(std::uint32_t percent);

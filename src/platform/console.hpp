@@ -1,7 +1,7 @@
 // The console channels. Narrow text, wide text and printf-style output share one ordered byte
 // sink per standard stream, so their output never reorders. Wide text is converted once, at the
-// sink: UTF-8 off Windows, the console's code page on Windows. Bytes printed as bytes (the
-// spinner's 0xC4) pass unchanged.
+// sink: UTF-8 off Windows, the console's code page on Windows. Bytes printed as bytes pass
+// unchanged; the spinner's line is written in the form the executable's terminal shows.
 #pragma once
 
 #include <cstddef>
@@ -19,6 +19,11 @@
 namespace console {
 
 using Sink = std::function<void(const char* bytes, std::size_t count)>;
+
+// The progress spinner's horizontal line, the byte 0xC4 of the OEM code page 437. Quenmark.exe
+// and quenmark-sim (whose transcripts are the Windows console's) write that byte; the Linux build
+// writes U+2500 in UTF-8, which a Linux terminal shows as the same line. Each backend defines it.
+extern const char* const kHorizontalLine;
 
 // The narrow standard-output stream. It keeps its number base and letter case from one use to
 // the next, as the messages that switch to hexadecimal expect.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "platform/console.hpp"
 #include "platform/win32.hpp"
 
 namespace hostile {
@@ -304,3 +305,6 @@ LPWSTR* CommandLineToArgvW(LPCWSTR, int* argumentCount) {
 }
 
 } // namespace win32
+
+// A Windows console, as the transcripts the seeds come from.
+const char* const console::kHorizontalLine = "\xC4";

@@ -45,12 +45,12 @@ TEST(TransferPercent, IsRoundedDownInSinglePrecision) {
 }
 
 TEST(SpinnerCharacter, TurnsThroughFourCharactersByCounterModuloFour) {
-    EXPECT_EQ(spinner_character(0), '|');
-    EXPECT_EQ(spinner_character(1), '/');
-    EXPECT_EQ(spinner_character(2), '\xC4');
-    EXPECT_EQ(spinner_character(3), '\\');
-    EXPECT_EQ(spinner_character(4), '|');
-    EXPECT_EQ(spinner_character(5), '/');
+    EXPECT_STREQ(spinner_character(0), "|");
+    EXPECT_STREQ(spinner_character(1), "/");
+    EXPECT_STREQ(spinner_character(2), "\xC4");
+    EXPECT_STREQ(spinner_character(3), "\\");
+    EXPECT_STREQ(spinner_character(4), "|");
+    EXPECT_STREQ(spinner_character(5), "/");
 }
 
 // The bar grows by one '+' per 5 %, a percentage of exactly 1 shows as 0, and the spinner moves
