@@ -2,6 +2,7 @@
 #include <ostream>
 
 #include "app/command_line.hpp"
+#include "app/download_screens.hpp"
 #include "app/report.hpp"
 #include "app/run_driver.hpp"
 #include "csmi/csmi.hpp"
@@ -40,6 +41,20 @@ bool refuse_for_security(const DriveInfo& driveInfo, const DeviceContext& contex
         console::out() << message << std::endl;
     }
     return true;
+}
+
+// A download or an activation goes out only to an ATA drive, and only in data phases that the
+// adapter carries; a refusal ends the run before any firmware command, the activation included.
+Status screen_download(DeviceContext& context, const RunOptions& options,
+                       const DriveInfo& driveInfo) {
+    if ((context.interfaceKind & (DownloadRequested | ActivateRequested)) == 0) {
+        return Status::Success;
+    }
+    const Status device = screen_ata_device(driveInfo);
+    if (device != Status::Success) {
+        return device;
+    }
+    return screen_transfer_limit(context, options);
 }
 
 Status run_download_attempts(DeviceContext& context, const RunOptions& options) {
@@ -140,13 +155,16 @@ int quenmark_main(int argumentCount, char** arguments) {
             if (refuse_for_security(driveInfo, context)) {
                 return kExitSecurityRefused;
             }
-            if ((context.interfaceKind & DownloadRequested) != 0) {
-                status = run_download_attempts(context, options);
+            status = screen_download(context, options, driveInfo);
+            if (status == Status::Success) {
+                if ((context.interfaceKind & DownloadRequested) != 0) {
+                    status = run_download_attempts(context, options);
+                }
+                if ((context.interfaceKind & ActivateRequested) != 0) {
+                    status = activate(context, options);
+                }
+                identify_device(context, driveInfo);
             }
-            if ((context.interfaceKind & ActivateRequested) != 0) {
-                status = activate(context, options);
-            }
-            identify_device(context, driveInfo);
         }
     }
 

@@ -10,6 +10,16 @@ namespace {
 
 constexpr std::uint8_t kFisTypeRegisterHostToDevice = 0x27;
 constexpr std::uint8_t kFisCommandBit = 0x80; // Command register written, port multiplier port 0
+constexpr std::uint8_t kFisTypeRegisterDeviceToHost = 0x34;
+constexpr std::uint8_t kStatusError = 0x01;
+constexpr std::uint8_t kStatusDeviceFault = 0x20;
+
+// The drive's ending status, when the driver passed on its register device-to-host FIS. A
+// driver that leaves the FIS all zero tells nothing, and its ReturnCode stands alone.
+bool status_fis_shows_error(const std::uint8_t (&fis)[kFisBytes]) {
+    return fis[0] == kFisTypeRegisterDeviceToHost &&
+           (fis[2] & (kStatusError | kStatusDeviceFault)) != 0;
+}
 
 // Serial ATA register host-to-device FIS. The controller forwards all twelve registers whatever
 // the command's width; a 28-bit command's drive ignores the Ext bytes.
@@ -108,6 +118,15 @@ Status issue_stp_passthru(DeviceContext& context) {
                         "issue_stp_passthru", command, sent ? 1 : 0, context.lastError,
                         static_cast<int>(request.IoctlHeader.ReturnCode));
         status = Status::Failed;
+    } else if (status_fis_shows_error(request.Status.bStatusFIS)) {
+        // The controller carried the command, and the drive ended it with an error: a ReturnCode
+        // of 0 says only that the FIS exchange took place.
+        if (context.verbose != 0) {
+            console::printf("%s: CMD=0x%x ended by the drive. Status=0x%02x Error=0x%02x\n",
+                            "issue_stp_passthru", command, request.Status.bStatusFIS[2],
+                            request.Status.bStatusFIS[3]);
+        }
+        status = Status::DeviceError;
     } else if (direction == DataIn && dataBytes != 0) {
         std::memcpy(context.dataBuffer, buffer.get() + kStpDataOffset, dataBytes);
     }

@@ -49,13 +49,13 @@ Status download_firmware(DeviceContext& context, DownloadRequest request) {
         return readStatus;
     }
 
-    TransferPlan plan = plan_transfers(image.size, request.downloadMode, request.segmentBlocks);
-    // An empty image has no transfer size to divide by in mode 0x07 or with segmentBlocks 0,
-    // and there is nothing to activate from an empty file.
-    if (image.size == 0 && (plan.transferBytes == 0 || request.downloadMode == kModeActivate)) {
+    // An empty file holds no firmware: sending nothing and reporting success would tell the user
+    // the drive was updated. Refused in every mode, the activation included.
+    if (image.size == 0) {
         print_image_refusal("is empty", request.fileName);
         return Status::BadFirmwareFile;
     }
+    TransferPlan plan = plan_transfers(image.size, request.downloadMode, request.segmentBlocks);
 
     const bool activation = request.downloadMode == kModeActivate;
     AtaRegisters& registers = context.registers;

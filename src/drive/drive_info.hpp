@@ -24,6 +24,8 @@ struct DriveInfo {
     std::string modelNumber;
     std::string serialNumber;
     std::string firmwareRevision;
+    // IDENTIFY DEVICE word 0; bit 15 set: the device is not an ATA device (ATAPI answers so).
+    std::uint16_t generalConfiguration = 0;
     std::uint16_t securityWord = 0;
     std::uint32_t securityState = 0;
     std::uint8_t dmDmaSupported = 0;

@@ -61,6 +61,20 @@ long long measure_size(std::FILE* file) {
 
 } // namespace
 
+bool measure_firmware_file(const wchar_t* fileName, std::uint32_t& size) {
+    const std::filesystem::path path = native_path(fileName);
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error) || error) {
+        return false;
+    }
+    const std::uintmax_t bytes = std::filesystem::file_size(path, error);
+    if (error || bytes > kMaxImageBytes) {
+        return false;
+    }
+    size = static_cast<std::uint32_t>(bytes);
+    return true;
+}
+
 void print_image_refusal(const char* why, const wchar_t* fileName) {
     console::err() << "Firmware file " << why << ": " << console::to_console_bytes(fileName)
                    << std::endl;

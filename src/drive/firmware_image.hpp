@@ -24,5 +24,10 @@ struct FirmwareImage {
 // prints one line saying why on standard error, whatever verbose is.
 Status read_firmware_image(const wchar_t* fileName, std::int32_t verbose, FirmwareImage& image);
 
+// The size of the image file, without reading it and without a message. False when the file is
+// no regular file, its size cannot be read, or it exceeds kMaxImageBytes: read_firmware_image
+// then refuses it with its own line.
+bool measure_firmware_file(const wchar_t* fileName, std::uint32_t& size);
+
 // "Firmware file <why>: <name>" and a line end on standard error.
 void print_image_refusal(const char* why, const wchar_t* fileName);

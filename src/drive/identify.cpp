@@ -53,6 +53,7 @@ Status identify_device(DeviceContext& context, DriveInfo& driveInfo) {
     driveInfo.modelNumber = ata_string_to_text(data + 54, 40);
     driveInfo.firmwareRevision = ata_string_to_text(data + 46, 8);
 
+    driveInfo.generalConfiguration = word_at(data, 0);
     driveInfo.securityWord = word_at(data, 128);
     driveInfo.dmDmaSupported = (word_at(data, 69) >> 8) & 1;
     driveInfo.dmMode3Supported = (word_at(data, 119) >> 4) & 1;

@@ -30,9 +30,15 @@ using ::ULONG;
 using ::USHORT;
 
 using ::ATA_PASS_THROUGH_DIRECT;
+using ::PropertyStandardQuery;
 using ::SCSI_ADDRESS;
 using ::SCSI_PASS_THROUGH_DIRECT;
 using ::SRB_IO_CONTROL;
+using ::STORAGE_ADAPTER_DESCRIPTOR;
+using ::STORAGE_PROPERTY_ID;
+using ::STORAGE_PROPERTY_QUERY;
+using ::STORAGE_QUERY_TYPE;
+using ::StorageAdapterProperty;
 #else
 using BOOL = int;
 using DWORD = std::uint32_t;
@@ -90,6 +96,34 @@ struct SRB_IO_CONTROL {
     ULONG ReturnCode;
     ULONG Length;
 };
+
+// IOCTL_STORAGE_QUERY_PROPERTY's input. PropertyId and QueryType are enumerations, 4 bytes each.
+enum STORAGE_PROPERTY_ID { StorageDeviceProperty = 0, StorageAdapterProperty = 1 };
+enum STORAGE_QUERY_TYPE { PropertyStandardQuery = 0, PropertyExistsQuery = 1 };
+
+struct STORAGE_PROPERTY_QUERY {
+    STORAGE_PROPERTY_ID PropertyId;
+    STORAGE_QUERY_TYPE QueryType;
+    UCHAR AdditionalParameters[1];
+};
+
+// What the storage port driver reports of the adapter that carries the drive's requests.
+struct STORAGE_ADAPTER_DESCRIPTOR {
+    DWORD Version;
+    DWORD Size;
+    DWORD MaximumTransferLength;
+    DWORD MaximumPhysicalPages;
+    DWORD AlignmentMask;
+    UCHAR AdapterUsesPio;
+    UCHAR AdapterScansDown;
+    UCHAR CommandQueueing;
+    UCHAR AcceleratedTransfer;
+    UCHAR BusType;
+    USHORT BusMajorVersion;
+    USHORT BusMinorVersion;
+    UCHAR SrbType;
+    UCHAR AddressType;
+};
 #endif
 
 // The calls, with the Win32 signatures the program uses.
@@ -135,6 +169,7 @@ LPWSTR* CommandLineToArgvW(LPCWSTR commandLine, int* argumentCount);
 #define IOCTL_SCSI_PASS_THROUGH_DIRECT 0x0004D014u
 #define IOCTL_ATA_PASS_THROUGH_DIRECT 0x0004D030u
 #define IOCTL_SCSI_MINIPORT 0x0004D008u
+#define IOCTL_STORAGE_QUERY_PROPERTY 0x002D1400u
 
 #define SCSI_IOCTL_DATA_OUT 0
 #define SCSI_IOCTL_DATA_IN 1
@@ -151,6 +186,9 @@ static_assert(IOCTL_SCSI_GET_ADDRESS == 0x41018, "IOCTL_SCSI_GET_ADDRESS");
 static_assert(IOCTL_SCSI_PASS_THROUGH_DIRECT == 0x4D014, "IOCTL_SCSI_PASS_THROUGH_DIRECT");
 static_assert(IOCTL_ATA_PASS_THROUGH_DIRECT == 0x4D030, "IOCTL_ATA_PASS_THROUGH_DIRECT");
 static_assert(IOCTL_SCSI_MINIPORT == 0x4D008, "IOCTL_SCSI_MINIPORT");
+static_assert(IOCTL_STORAGE_QUERY_PROPERTY == 0x2D1400, "IOCTL_STORAGE_QUERY_PROPERTY");
+static_assert(win32::StorageAdapterProperty == 1 && win32::PropertyStandardQuery == 0,
+              "STORAGE_PROPERTY_QUERY values");
 static_assert((GENERIC_READ | GENERIC_WRITE) == 0xC0000000u, "GENERIC_READ | GENERIC_WRITE");
 static_assert(OPEN_EXISTING == 3 && FILE_SHARE_READ == 1 && FILE_SHARE_WRITE == 2, "share");
 static_assert(ERROR_INVALID_FUNCTION == 1 && ERROR_FILE_NOT_FOUND == 2 && ERROR_ACCESS_DENIED == 5,
@@ -200,3 +238,25 @@ static_assert(offsetof(win32::SRB_IO_CONTROL, Timeout) == 12, "SRB_IO_CONTROL");
 static_assert(offsetof(win32::SRB_IO_CONTROL, ControlCode) == 16, "SRB_IO_CONTROL");
 static_assert(offsetof(win32::SRB_IO_CONTROL, ReturnCode) == 20, "SRB_IO_CONTROL");
 static_assert(offsetof(win32::SRB_IO_CONTROL, Length) == 24, "SRB_IO_CONTROL");
+
+static_assert(sizeof(win32::STORAGE_PROPERTY_QUERY) == 12, "STORAGE_PROPERTY_QUERY");
+static_assert(offsetof(win32::STORAGE_PROPERTY_QUERY, QueryType) == 4, "STORAGE_PROPERTY_QUERY");
+static_assert(offsetof(win32::STORAGE_PROPERTY_QUERY, AdditionalParameters) == 8,
+              "STORAGE_PROPERTY_QUERY");
+
+static_assert(sizeof(win32::STORAGE_ADAPTER_DESCRIPTOR) == 32, "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, Size) == 4, "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, MaximumTransferLength) == 8,
+              "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, MaximumPhysicalPages) == 12,
+              "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, AlignmentMask) == 16,
+              "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, AdapterUsesPio) == 20,
+              "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, BusType) == 24,
+              "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, BusMajorVersion) == 26,
+              "STORAGE_ADAPTER_DESCRIPTOR");
+static_assert(offsetof(win32::STORAGE_ADAPTER_DESCRIPTOR, BusMinorVersion) == 28,
+              "STORAGE_ADAPTER_DESCRIPTOR");

@@ -54,7 +54,7 @@ win32::DWORD ata_pass_through_handler(Machine& m, const Disk& disk, std::uint8_t
     const bool out = (flags & kFlagDataOut) != 0;
     if (recordLength != kRecordBytes || (in && out) || timeout == 0 || flags > 0x3F ||
         ((in || out) && length != 0 && data == nullptr) ||
-        (disk.maxTransferBytes != 0 && length > disk.maxTransferBytes)) {
+        (disk_transfer_limit(disk) != 0 && length > disk_transfer_limit(disk))) {
         return ERROR_INVALID_PARAMETER;
     }
     const DataPhase phase = length == 0 ? DataPhase::None

@@ -120,6 +120,8 @@ std::string control_code_name(win32::DWORD code) {
         return "IOCTL_ATA_PASS_THROUGH_DIRECT";
     case IOCTL_SCSI_MINIPORT:
         return "IOCTL_SCSI_MINIPORT";
+    case IOCTL_STORAGE_QUERY_PROPERTY:
+        return "IOCTL_STORAGE_QUERY_PROPERTY";
     default: {
         char text[16];
         std::snprintf(text, sizeof text, "0x%08x", static_cast<unsigned>(code));

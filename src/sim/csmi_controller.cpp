@@ -261,6 +261,11 @@ std::uint32_t answer_stp(Machine& m, const CsmiController& controller, std::uint
     // tells that the FIS exchange took place.
     std::uint8_t* status = buffer + kStpStatusFis;
     std::memset(status, 0, 20);
+    if (!controller.statusFis) {
+        buffer[kStpConnectionStatus] = 0;
+        write_le32(buffer, kStpDataBytes, outcome.bytesMoved);
+        return kStatusSuccess;
+    }
     status[0] = kFisRegisterDeviceToHost;
     status[1] = 0x40; // interrupt
     status[2] = outcome.status;

@@ -62,6 +62,9 @@ struct CsmiController {
     // noCsmiError.
     bool csmi = true;
     win32::DWORD noCsmiError = ERROR_INVALID_FUNCTION;
+    // Whether the driver passes the drive's ending register FIS back in bStatusFIS; false: it
+    // leaves those 20 bytes zero, as some drivers do.
+    bool statusFis = true;
 
     // Driver information; the names are byte texts cut at 81 bytes (an 81-byte one has no NUL).
     std::string driverName;

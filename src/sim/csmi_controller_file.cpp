@@ -189,10 +189,10 @@ bool read_fault(const json& object, const std::string& where, CsmiFault& fault,
 bool csmi_controller_from_json(const json& description, CsmiController& controller,
                                std::string& error) {
     controller = CsmiController{};
-    if (!check_keys(
-            description, "",
-            {"port", "csmi", "noCsmiError", "driver", "config", "numberOfPhys", "phys", "faults"},
-            error)) {
+    if (!check_keys(description, "",
+                    {"port", "csmi", "noCsmiError", "statusFis", "driver", "config", "numberOfPhys",
+                     "phys", "faults"},
+                    error)) {
         return false;
     }
     if (!description.contains("port")) {
@@ -204,6 +204,7 @@ bool csmi_controller_from_json(const json& description, CsmiController& controll
     }
     controller.port = static_cast<int>(port);
     if (!read_bool(description, "csmi", "", controller.csmi, error) ||
+        !read_bool(description, "statusFis", "", controller.statusFis, error) ||
         !read_error(description, "noCsmiError", "", controller.noCsmiError, error)) {
         return false;
     }

@@ -1,5 +1,7 @@
 #include "sim/machine.hpp"
 
+#include <algorithm>
+
 #include <cstdint>
 #include <utility>
 
@@ -38,6 +40,18 @@ OpenHandle* find_open_handle(Machine& m, win32::HANDLE handle) {
     }
     OpenHandle& entry = m.handles[value / 4 - 1];
     return entry.open ? &entry : nullptr;
+}
+
+std::uint32_t disk_transfer_limit(const Disk& disk) {
+    constexpr std::uint64_t kPageBytes = 4096;
+    std::uint64_t limit = disk.maxTransferBytes;
+    if (disk.maxPhysicalPages != 0) {
+        const std::uint64_t pages = (std::uint64_t{disk.maxPhysicalPages} - 1) * kPageBytes;
+        // A limit of 0 bytes still refuses every data phase; keep it apart from "no limit".
+        limit = limit == 0 ? std::max<std::uint64_t>(pages, 1)
+                           : std::min(limit, std::max<std::uint64_t>(pages, 1));
+    }
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(limit, 0xFFFFFFFF));
 }
 
 std::size_t open_handle_count(const Machine& m) {

@@ -34,7 +34,18 @@ struct Disk {
     // The adapter's largest data phase; a longer pass-through fails with ERROR_INVALID_PARAMETER,
     // as the port driver refuses it. 0: no limit.
     std::uint32_t maxTransferBytes = 0;
+    // The adapter's scatter-gather list in pages of 4096 bytes: a data phase may span at most
+    // this many pages, (maxPhysicalPages - 1) x 4096 bytes of a buffer at any alignment. 0: not
+    // limited, and not reported.
+    std::uint32_t maxPhysicalPages = 0;
+    // Whether the port driver answers IOCTL_STORAGE_QUERY_PROPERTY for the adapter; false: the
+    // request fails with ERROR_INVALID_FUNCTION, as an old or filtering driver does.
+    bool adapterQuery = true;
 };
+
+// The largest data phase the disk's adapter carries, from maxTransferBytes and
+// maxPhysicalPages; 0 when neither limits it.
+std::uint32_t disk_transfer_limit(const Disk& disk);
 
 struct OpenHandle {
     std::wstring path;

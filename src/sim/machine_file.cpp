@@ -70,7 +70,8 @@ bool read_error_code(const json& value, const std::string& where, win32::DWORD& 
 bool read_control_code(const json& value, const std::string& where, win32::DWORD& out,
                        std::string& error) {
     const win32::DWORD known[] = {IOCTL_SCSI_GET_ADDRESS, IOCTL_SCSI_PASS_THROUGH_DIRECT,
-                                  IOCTL_ATA_PASS_THROUGH_DIRECT, IOCTL_SCSI_MINIPORT};
+                                  IOCTL_ATA_PASS_THROUGH_DIRECT, IOCTL_SCSI_MINIPORT,
+                                  IOCTL_STORAGE_QUERY_PROPERTY};
     if (value.is_string() && value.get<std::string>().rfind("IOCTL_", 0) == 0) {
         for (const win32::DWORD code : known) {
             if (control_code_name(code) == value.get<std::string>()) {
@@ -298,7 +299,7 @@ bool read_drive(const json& d, const std::string& where, const std::string& base
 bool read_disk(const json& d, const std::string& where, Disk& disk, std::string& error) {
     if (!check_keys(d, where,
                     {"path", "drive", "address", "scsiPassThrough", "ataPassThrough",
-                     "getAddressError", "maxTransferBytes"},
+                     "getAddressError", "maxTransferBytes", "maxPhysicalPages", "adapterQuery"},
                     error)) {
         return false;
     }
@@ -323,7 +324,9 @@ bool read_disk(const json& d, const std::string& where, Disk& disk, std::string&
     }
     if (!read_bool(d, "scsiPassThrough", where, disk.scsiPassThrough, error) ||
         !read_bool(d, "ataPassThrough", where, disk.ataPassThrough, error) ||
-        !read_field(d, "maxTransferBytes", where, disk.maxTransferBytes, error)) {
+        !read_field(d, "maxTransferBytes", where, disk.maxTransferBytes, error) ||
+        !read_field(d, "maxPhysicalPages", where, disk.maxPhysicalPages, error) ||
+        !read_bool(d, "adapterQuery", where, disk.adapterQuery, error)) {
         return false;
     }
     if (d.contains("getAddressError") &&

@@ -279,7 +279,7 @@ win32::DWORD sat_pass_through(Machine& m, const Disk& disk, std::uint8_t* buffer
     // The checks the port driver makes before a request reaches the adapter.
     if (recordLength != kRecordBytes || cdbLength == 0 || cdbLength > 16 || dataIn > 2 ||
         timeout == 0 || (length != 0 && (data == nullptr || dataIn == kDataUnspecified)) ||
-        (disk.maxTransferBytes != 0 && length > disk.maxTransferBytes)) {
+        (disk_transfer_limit(disk) != 0 && length > disk_transfer_limit(disk))) {
         return ERROR_INVALID_PARAMETER;
     }
     if (senseLength != 0 &&

@@ -14,6 +14,7 @@
 #include "sim/machine.hpp"
 #include "sim/sat_bridge.hpp"
 #include "sim/seam_call.hpp"
+#include "sim/storage_query.hpp"
 #include "sim/text_encoding.hpp"
 
 namespace sim {
@@ -259,6 +260,12 @@ BOOL DeviceIoControl(HANDLE device, DWORD ioControlCode, void* inBuffer, DWORD i
         if (disk != nullptr && disk->ataPassThrough) {
             error = ata_pass_through_handler(m, *disk, system.data(), inBufferSize, outBufferSize,
                                              returned, request, result);
+        }
+        break;
+    case IOCTL_STORAGE_QUERY_PROPERTY:
+        if (disk != nullptr) {
+            error = storage_query_property(*disk, system.data(), inBufferSize, outBufferSize,
+                                           returned, request, result);
         }
         break;
     case IOCTL_SCSI_MINIPORT:

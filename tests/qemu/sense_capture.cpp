@@ -4,8 +4,9 @@
 // sense parser's tests read what each kernel really answers.
 //
 //   quenmark-sense-capture NODE COMMAND...
-// COMMAND: identify, read-log, download (mode 0x03, one block), identify-no-ck-cond, and
-// inquiry-serial (INQUIRY of the unit serial number page, as quenmark's probe sends it first).
+// COMMAND: identify, read-log, download (mode 0x03, one block), identify-no-ck-cond,
+// inquiry-serial (INQUIRY of the unit serial number page, as quenmark's probe sends it first),
+// and download-bytes=N (mode 0x07 with N bytes, to find the largest data phase SG_IO takes).
 // One line per command: its name, SCSI status, host and driver status, the residual count and
 // every sense byte the kernel reported as written.
 #include <fcntl.h>
@@ -17,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "platform/linux/ata_pass_through_cdb.hpp"
 
@@ -38,16 +40,16 @@ const Command kCommands[] = {
     {"inquiry-serial", {}, false, 1, false},
 };
 
-int capture(int fd, const Command& command) {
-    static std::uint8_t data[512];
-    std::memset(data, 0, sizeof data);
+int capture(int fd, const Command& command, std::uint32_t dataBytes = 512) {
+    std::vector<std::uint8_t> buffer(dataBytes, 0);
+    std::uint8_t* data = buffer.data();
     win32::ATA_PASS_THROUGH_DIRECT request;
     std::memset(&request, 0, sizeof request);
     request.Length = sizeof request;
     request.AtaFlags = ATA_FLAGS_DRDY_REQUIRED;
     if (command.direction != 0) {
         request.AtaFlags |= command.direction == 1 ? ATA_FLAGS_DATA_IN : ATA_FLAGS_DATA_OUT;
-        request.DataTransferLength = sizeof data;
+        request.DataTransferLength = dataBytes;
         request.DataBuffer = data;
     }
     if (command.extended) {
@@ -80,7 +82,7 @@ int capture(int fd, const Command& command) {
                                                       : SG_DXFER_TO_DEV;
     if (command.direction != 0) {
         header.dxferp = data;
-        header.dxfer_len = sizeof data;
+        header.dxfer_len = dataBytes;
     }
     header.sbp = sense;
     header.mx_sb_len = sizeof sense;
@@ -112,6 +114,19 @@ int main(int argc, char** argv) {
     }
     int failures = 0;
     for (int i = 2; i < argc; ++i) {
+        const std::string bytesPrefix = "download-bytes=";
+        if (std::string(argv[i]).rfind(bytesPrefix, 0) == 0) {
+            const auto bytes = static_cast<std::uint32_t>(std::stoul(argv[i] + bytesPrefix.size()));
+            const std::uint32_t blocks = bytes / 512;
+            Command download = {argv[i],
+                                {0x07, static_cast<std::uint8_t>(blocks & 0xFF),
+                                 static_cast<std::uint8_t>(blocks >> 8), 0x00, 0x00, 0x40, 0x92},
+                                false,
+                                2,
+                                true};
+            failures += capture(fd, download, bytes);
+            continue;
+        }
         const Command* found = nullptr;
         for (const Command& command : kCommands) {
             if (std::string(argv[i]) == command.name) {

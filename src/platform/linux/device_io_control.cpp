@@ -1,4 +1,5 @@
-// DeviceIoControl on a device node: the three control codes the program sends to a drive.
+// DeviceIoControl on a device node: the control codes the program sends to a drive.
+#include "platform/linux/adapter_descriptor.hpp"
 #include "platform/linux/device_node.hpp"
 #include "platform/linux/scsi_address.hpp"
 #include "platform/linux/sg_ata_pass_through.hpp"
@@ -24,6 +25,10 @@ BOOL DeviceIoControl(HANDLE device, DWORD ioControlCode, void* inBuffer, DWORD i
         case IOCTL_SCSI_PASS_THROUGH_DIRECT:
             error = linux_backend::sg_scsi_pass_through(node->fd, inBuffer, inBufferSize, outBuffer,
                                                         outBufferSize, returned);
+            break;
+        case IOCTL_STORAGE_QUERY_PROPERTY:
+            error = linux_backend::query_adapter_descriptor(node->fd, inBuffer, inBufferSize,
+                                                            outBuffer, outBufferSize, returned);
             break;
         case IOCTL_ATA_PASS_THROUGH_DIRECT:
             error = linux_backend::sg_ata_pass_through(node->fd, inBuffer, inBufferSize, outBuffer,

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -31,16 +32,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A disk on \\.\PhysicalDrive0 (SAT bridge and ATA pass-through) and a controller on port 2 with
-// a SATA drive on phy 0, a SAS target on phy 1, an expander on phy 3 and an STP drive on phy 4.
+// A disk on \\.\PhysicalDrive0 (SAT bridge and ATA pass-through), one behind an adapter that
+// carries at most 64 KiB a command on \\.\PhysicalDrive1, and a controller on port 2 with a SATA
+// drive on phy 0, a SAS target on phy 1, an expander on phy 3 and an STP drive on phy 4.
 constexpr char kMachine[] = R"({
   "drives": [
     {"id": "disk", "model": "QSIM SWEEP DISK", "serial": "QZ0000000001", "firmware": "QZ010000"},
     {"id": "sata", "model": "QSIM SWEEP SATA", "serial": "QZ0000000002", "firmware": "QZ010000"},
-    {"id": "stp", "model": "QSIM SWEEP STP", "serial": "QZ0000000003", "firmware": "QZ010000"}
+    {"id": "stp", "model": "QSIM SWEEP STP", "serial": "QZ0000000003", "firmware": "QZ010000"},
+    {"id": "narrow", "model": "QSIM SWEEP NARROW", "serial": "QZ0000000004", "firmware": "QZ010000"}
   ],
   "disks": [{"path": "\\\\.\\PhysicalDrive0", "drive": "disk",
-             "address": {"port": 1, "path": 0, "target": 2, "lun": 0}}],
+             "address": {"port": 1, "path": 0, "target": 2, "lun": 0}},
+            {"path": "\\\\.\\PhysicalDrive1", "drive": "narrow", "maxTransferBytes": 65536,
+             "address": {"port": 1, "path": 0, "target": 3, "lun": 0}}],
   "controllers": [{"port": 2, "driver": {"name": "qsas", "description": "QSIM SAS/SATA HBA"},
     "phys": [
       {"phy": 0, "portIdentifier": 0, "identify": {"initiatorProtocol": 15, "sasAddress": "5000000000000a01"},
@@ -68,6 +73,9 @@ struct Scenario {
     bool download = false;
     bool activate = false;
     int retries = 0;
+    // The whole image in one command exceeds the adapter's limit: a run whose limit query is
+    // answered ends before the vendor identify.
+    bool overLimit = false;
 };
 
 const std::string kImage = "<image>";
@@ -119,6 +127,19 @@ std::vector<Scenario> scenarios() {
                 }
             }
         }
+    }
+    // The 100,000-byte image in one command, where the adapter carries 65,536.
+    for (const Interface& i : {interfaces[0], interfaces[1]}) {
+        const std::string device =
+            std::string(i.device).replace(std::string(i.device).find("Drive0"), 6, "Drive1");
+        table.push_back({std::string(i.name) + "ImmediateOverLimitActivateVv",
+                         i.wire,
+                         {device, "/D:" + kImage, "/a", "/vv"},
+                         "narrow",
+                         true,
+                         true,
+                         0,
+                         true});
     }
     table.push_back({"Scan", Wire::Scan, {"--scan"}, "", false, false, 0});
     table.push_back({"ScanVv", Wire::Scan, {"--scan", "/vv"}, "", false, false, 0});
@@ -278,6 +299,7 @@ enum class Stage {
     Inquiry,
     Identify,
     ReadLog,
+    AdapterQuery,
     Vendor,
     Transfer,
     Activate,
@@ -289,10 +311,10 @@ enum class Stage {
 
 const char* stage_name(Stage stage) {
     static const char* const names[] = {
-        "command line", "open",       "address query", "phy table",    "controller config",
-        "driver info",  "INQUIRY",    "IDENTIFY",      "READ LOG EXT", "vendor identify",
-        "transfer",     "activation", "SSP probe",     "pause",        "close",
-        "unknown"};
+        "command line",    "open",     "address query", "phy table",    "controller config",
+        "driver info",     "INQUIRY",  "IDENTIFY",      "READ LOG EXT", "adapter query",
+        "vendor identify", "transfer", "activation",    "SSP probe",    "pause",
+        "close",           "unknown"};
     return names[static_cast<int>(stage)];
 }
 
@@ -306,6 +328,38 @@ struct Step {
 
 bool has(const std::string& text, const char* part) {
     return text.find(part) != std::string::npos;
+}
+
+// A request the port driver refused never reached a drive, but its log line still shows the ATA
+// command it carried: CDB bytes 4 and 14 of an ATA PASS-THROUGH(16), or the current task file.
+bool ata_registers_of_request(const std::string& request, std::uint8_t& command,
+                              std::uint8_t& features) {
+    const auto bytes_after = [&](const char* key, std::size_t count) {
+        std::vector<unsigned> values;
+        const std::size_t at = request.find(key);
+        if (at == std::string::npos) {
+            return values;
+        }
+        std::istringstream in(request.substr(at + std::strlen(key)));
+        unsigned value = 0;
+        while (values.size() < count && in >> std::hex >> value) {
+            values.push_back(value);
+        }
+        return values;
+    };
+    const std::vector<unsigned> cdb = bytes_after("cdb=", 16);
+    if (cdb.size() == 16 && cdb[0] == 0x85) {
+        features = static_cast<std::uint8_t>(cdb[4]);
+        command = static_cast<std::uint8_t>(cdb[14]);
+        return true;
+    }
+    const std::vector<unsigned> current = bytes_after("current=", 8);
+    if (current.size() == 8) {
+        features = static_cast<std::uint8_t>(current[0]);
+        command = static_cast<std::uint8_t>(current[6]);
+        return true;
+    }
+    return false;
 }
 
 // The stage by what crossed the wire; Unknown when the record does not tell (a call failed by
@@ -327,22 +381,31 @@ Stage stage_by_content(const sim::CallRecord& r) {
     if (r.injected) {
         return Stage::Unknown;
     }
+    std::uint8_t command = 0;
+    std::uint8_t features = 0;
     if (!r.ata.empty()) {
-        const sim::AtaCommand& c = r.ata.front().command;
-        switch (c.command) {
-        case 0xEC:
-            return c.features == 0x0B ? Stage::Vendor : Stage::Identify;
-        case 0x2F:
-            return Stage::ReadLog;
-        case 0x92:
-            return c.features == 0x0F ? Stage::Activate : Stage::Transfer;
-        default:
-            return Stage::Unknown;
-        }
+        command = r.ata.front().command.command;
+        features = r.ata.front().command.features;
+    } else if (!ata_registers_of_request(r.request, command, features)) {
+        command = 0;
+    }
+    switch (command) {
+    case 0:
+        break;
+    case 0xEC:
+        return features == 0x0B ? Stage::Vendor : Stage::Identify;
+    case 0x2F:
+        return Stage::ReadLog;
+    case 0x92:
+        return features == 0x0F ? Stage::Activate : Stage::Transfer;
+    default:
+        return Stage::Unknown;
     }
     switch (r.ioControlCode) {
     case IOCTL_SCSI_GET_ADDRESS:
         return Stage::Address;
+    case IOCTL_STORAGE_QUERY_PROPERTY:
+        return Stage::AdapterQuery;
     case IOCTL_SCSI_PASS_THROUGH_DIRECT:
         return Stage::Inquiry; // the only pass-through here that carries no ATA command
     case IOCTL_SCSI_MINIPORT:
@@ -382,8 +445,12 @@ Status command_status(Wire wire, const sim::CallRecord& r) {
     }
     case Wire::Csmi:
     case Wire::Scan:
-        // The ending ATA status travels in the status FIS, which the transport does not read.
-        return has(r.result, "srb-return-code=0") ? Status::Success : Status::Failed;
+        // The ending ATA status travels in the status FIS: ERR or DF there is the drive's error.
+        if (!has(r.result, "srb-return-code=0")) {
+            return Status::Failed;
+        }
+        return !r.ata.empty() && (r.ata.front().outcome.status & 0x21) != 0 ? Status::DeviceError
+                                                                            : Status::Success;
     }
     return Status::Failed;
 }
@@ -537,6 +604,11 @@ int expected_device_exit(const Scenario& scenario, std::size_t transfersPerAttem
     }
     walk.next(Stage::ReadLog);
     Status status = Status::Success;
+    // The adapter's limit is asked before a download through a physical drive; an answer that
+    // the image exceeds ends the run, an unanswered query leaves it to the download.
+    if (scenario.download && !csmi && walk.next(Stage::AdapterQuery) && scenario.overLimit) {
+        return walk.close(Status::BadFirmwareFile);
+    }
     if (scenario.download) {
         walk.next(Stage::Vendor);
         for (int attempt = 0;; ++attempt) {
@@ -737,6 +809,9 @@ TEST_P(FaultSweep, EveryFaultEndsTheRunAsTheRunDriverSays) {
             break;
         }
         transfersPerAttempt += step.stage == Stage::Transfer ? 1 : 0;
+    }
+    if (scenario.overLimit) {
+        transfersPerAttempt = 1; // the clean run ends before it; mode 0x07 sends one command
     }
     if (scenario.download) {
         ASSERT_GT(transfersPerAttempt, 0u);
