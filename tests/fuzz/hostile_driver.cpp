@@ -247,6 +247,10 @@ BOOL DeviceIoControl(HANDLE device, DWORD ioControlCode, void* inBuffer, DWORD i
         returned = std::min<DWORD>(outBufferSize, 8);
         input().bytes(system.data(), returned);
         break;
+    case IOCTL_STORAGE_QUERY_PROPERTY: // any adapter descriptor, of any length
+        returned = std::min<DWORD>(outBufferSize, 32);
+        input().bytes(system.data(), returned);
+        break;
     case IOCTL_SCSI_MINIPORT: {
         const std::vector<std::uint8_t> reply = input().rest(input().u16());
         returned = static_cast<DWORD>(std::min<std::size_t>(reply.size(), system.size()));
