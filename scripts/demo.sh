@@ -6,8 +6,10 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
-bash scripts/install-deps.sh
-cmake --preset linux >/dev/null
+bash scripts/install-deps.sh sim
+# Only the simulated machine's two programs: no tests, no benchmarks, nothing they would need.
+# The test command's own configure turns both back on.
+cmake --preset linux -DQUENMARK_TESTS=OFF -DQUENMARK_BENCH=OFF >/dev/null
 cmake --build build/linux -j2 --target quenmark-sim quenmark-sim-image
 
 work=$(mktemp -d)

@@ -1,17 +1,41 @@
 #!/usr/bin/env bash
-# Installs, from Debian 12's packages, what building and testing need; only what is missing.
+# Installs, from Debian 12's packages, what the named groups need; only what is missing.
+#   bash scripts/install-deps.sh [GROUP...]      (no group: every group)
+# Groups:
+#   sim      building quenmark-sim alone (the demo)
+#   build    every preset's build and the unit tests: the sim group, GoogleTest, Google Benchmark
+#   windows  the mingw-w64 cross compiler, and Wine to run the Windows build
+#   qemu     QEMU, Debian 12's kernel, a static busybox and kmod (the kernels' module lists)
+#   fuzz     clang and its fuzzer and sanitizer runtimes
+#   fleet    ansible-core
+#   package  what cpack and the package tests use
 set -euo pipefail
-packages=(
-  cmake ninja-build g++ make python3 clang-format
-  googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  g++-mingw-w64-x86-64 wine wine64
-  qemu-system-x86 linux-image-amd64 busybox-static cpio
-  clang libclang-rt-14-dev
-  ansible-core
-  zip unzip dpkg-dev
+
+declare -A group=(
+  [sim]="cmake ninja-build g++ nlohmann-json3-dev"
+  [build]="cmake ninja-build g++ make python3 clang-format nlohmann-json3-dev
+           googletest libgtest-dev libgmock-dev libbenchmark-dev"
+  [windows]="g++-mingw-w64-x86-64 wine wine64"
+  [qemu]="qemu-system-x86 linux-image-amd64 busybox-static cpio kmod"
+  [fuzz]="clang libclang-rt-14-dev"
+  [fleet]="ansible-core"
+  [package]="zip unzip dpkg-dev"
 )
+names=("$@")
+((${#names[@]})) || names=(build windows qemu fuzz fleet package)
+
+packages=()
+for name in "${names[@]}"; do
+  if [ -z "${group[$name]+set}" ]; then
+    echo "install-deps: no group $name (groups: ${!group[*]})" >&2
+    exit 2
+  fi
+  # shellcheck disable=SC2206 # the lists are words
+  packages+=(${group[$name]})
+done
+
 missing=()
-for p in "${packages[@]}"; do
+for p in $(printf '%s\n' "${packages[@]}" | sort -u); do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
 if ((${#missing[@]})); then
