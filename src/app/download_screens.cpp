@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "drive/firmware_image.hpp"
+#include "drive/identify.hpp"
 #include "drive/transfer_plan.hpp"
 #include "platform/console.hpp"
 #include "transport/transport.hpp"
@@ -17,9 +18,8 @@ constexpr std::uint32_t kMaxSegmentBlocks = 255;
 // ata_string_to_text trims blanks from the ends but keeps NULs, so an empty IDENTIFY string
 // comes back as NULs with blanks between them, or as nothing.
 bool nothing_but_nul_and_blanks(const std::string& text) {
-    return std::all_of(text.begin(), text.end(), [](char c) {
-        return c == '\0' || c == ' ' || c == '\t' || c == '\v' || c == '\r' || c == '\n';
-    });
+    return std::all_of(text.begin(), text.end(),
+                       [](char c) { return c == '\0' || is_ata_blank(c); });
 }
 
 } // namespace

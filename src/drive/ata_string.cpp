@@ -3,11 +3,11 @@
 
 #include "drive/identify.hpp"
 
-namespace {
-
-bool is_trimmed(char c) {
+bool is_ata_blank(char c) {
     return c == ' ' || c == '\t' || c == '\v' || c == '\r' || c == '\n';
 }
+
+namespace {
 
 [[noreturn]] void precondition_failed(int line) {
     std::fprintf(stderr, "Assertion failed: %s, file %s, line %d\n",
@@ -30,11 +30,11 @@ std::string ata_string_to_text(const std::uint8_t* source, std::uint32_t length)
     }
     // NUL is not blank: a field padded with NULs keeps them.
     std::size_t first = 0;
-    while (first < text.size() && is_trimmed(text[first])) {
+    while (first < text.size() && is_ata_blank(text[first])) {
         ++first;
     }
     std::size_t last = text.size();
-    while (last > first && is_trimmed(text[last - 1])) {
+    while (last > first && is_ata_blank(text[last - 1])) {
         --last;
     }
     return text.substr(first, last - first);

@@ -14,5 +14,7 @@ Status vendor_identify(DeviceContext& context);
 // An ATA identify string (two characters per word, the first in the high byte) as trimmed
 // text. length must be even and non-zero.
 std::string ata_string_to_text(const std::uint8_t* source, std::uint32_t length);
+// The characters ata_string_to_text trims from both ends: blank, tab, vertical tab, CR, LF.
+bool is_ata_blank(char c);
 // SEC1, SEC2, SEC4, SEC5 or SEC6 from IDENTIFY word 128.
 std::uint32_t security_state_from_word(std::uint16_t securityWord);

@@ -2,12 +2,13 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+
+#include "platform/linux/device_node.hpp"
 
 namespace linux_backend {
 namespace {
@@ -30,25 +31,20 @@ bool read_number(const std::string& path, std::uint64_t& value) {
     return true;
 }
 
-} // namespace
-
+// The sysfs queue folder of the disk a device node reaches: its own for /dev/sda, its parent
+// disk's for a partition, the disk's or CD-ROM's of an sg node. Empty when none exists.
 std::string queue_folder_of(int fd) {
     struct stat node {};
     if (fstat(fd, &node) != 0) {
         return "";
     }
-    const std::string numbers =
-        std::to_string(major(node.st_rdev)) + ":" + std::to_string(minor(node.st_rdev));
+    const std::string base = sysfs_folder_of(node);
     if (S_ISBLK(node.st_mode)) {
-        std::string base = "/sys/dev/block/" + numbers;
-        if (exists(base + "/partition")) {
-            base += "/..";
-        }
         return exists(base + "/queue") ? base + "/queue" : "";
     }
     if (S_ISCHR(node.st_mode)) {
         // An sg node of a disk or a CD-ROM: its SCSI device lists the block device it carries.
-        const std::string blocks = "/sys/dev/char/" + numbers + "/device/block";
+        const std::string blocks = base + "/device/block";
         DIR* folder = opendir(blocks.c_str());
         if (folder == nullptr) {
             return "";
@@ -65,6 +61,8 @@ std::string queue_folder_of(int fd) {
     }
     return "";
 }
+
+} // namespace
 
 win32::DWORD query_adapter_descriptor(int fd, const void* in, win32::DWORD inSize, void* out,
                                       win32::DWORD outSize, win32::DWORD& bytesReturned) {

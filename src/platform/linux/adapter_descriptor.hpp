@@ -2,9 +2,6 @@
 // SG_IO takes there, from the request queue of the disk behind the node.
 #pragma once
 
-#include <cstdint>
-#include <string>
-
 #include "platform/win32.hpp"
 
 namespace linux_backend {
@@ -15,9 +12,5 @@ namespace linux_backend {
 // ERROR_INVALID_FUNCTION for a node without a request queue (an enclosure's sg node, say).
 win32::DWORD query_adapter_descriptor(int fd, const void* in, win32::DWORD inSize, void* out,
                                       win32::DWORD outSize, win32::DWORD& bytesReturned);
-
-// The sysfs queue folder of the disk a device node reaches: "/sys/dev/block/8:0/queue" for
-// /dev/sda, its parent disk's for a partition, the disk's of an sg node. Empty when none exists.
-std::string queue_folder_of(int fd);
 
 } // namespace linux_backend

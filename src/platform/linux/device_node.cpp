@@ -47,13 +47,7 @@ bool lock_exclusively(int fd) {
 // /dev/sda, its partitions and /dev/sg0, so a lock on it keeps two runs off one drive whichever
 // node each was given. -1 when the node has no such directory (no sysfs, no SCSI device).
 int open_drive_directory(const struct stat& node) {
-    const std::string numbers =
-        std::to_string(major(node.st_rdev)) + ":" + std::to_string(minor(node.st_rdev));
-    std::string base = (S_ISBLK(node.st_mode) ? "/sys/dev/block/" : "/sys/dev/char/") + numbers;
-    if (S_ISBLK(node.st_mode) && access((base + "/partition").c_str(), F_OK) == 0) {
-        base += "/..";
-    }
-    return open((base + "/device").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return open((sysfs_folder_of(node) + "/device").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
 // Handles point into this table; a run opens one drive at a time, the slots allow a few more.
@@ -96,6 +90,16 @@ int open_flags(win32::DWORD desiredAccess) {
 }
 
 } // namespace
+
+std::string sysfs_folder_of(const struct stat& node) {
+    const std::string numbers =
+        std::to_string(major(node.st_rdev)) + ":" + std::to_string(minor(node.st_rdev));
+    std::string base = (S_ISBLK(node.st_mode) ? "/sys/dev/block/" : "/sys/dev/char/") + numbers;
+    if (S_ISBLK(node.st_mode) && access((base + "/partition").c_str(), F_OK) == 0) {
+        base += "/..";
+    }
+    return base;
+}
 
 DeviceNode* device_node_from_handle(win32::HANDLE handle) {
     const int slot = slot_of(static_cast<const DeviceNode*>(handle));

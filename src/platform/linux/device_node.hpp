@@ -2,6 +2,10 @@
 // without sharing, the descriptor that holds the drive's lock.
 #pragma once
 
+#include <sys/stat.h>
+
+#include <string>
+
 #include "platform/win32.hpp"
 
 namespace linux_backend {
@@ -14,5 +18,9 @@ struct DeviceNode {
 // The node a handle of CreateFileW stands for, or null for any other value (null, the invalid
 // handle value, a handle already closed).
 DeviceNode* device_node_from_handle(win32::HANDLE handle);
+
+// The sysfs folder of what a device node stands for: /sys/dev/block/MAJ:MIN for a disk (its
+// disk's for a partition), /sys/dev/char/MAJ:MIN for an sg node. Its "device" is the SCSI device.
+std::string sysfs_folder_of(const struct stat& node);
 
 } // namespace linux_backend
