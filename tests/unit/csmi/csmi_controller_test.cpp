@@ -106,15 +106,6 @@ TEST(CsmiController, NthFaultFiresOnceAndOnwardKeepsFiring) {
     EXPECT_EQ(config, (std::vector<bool>{true, false, false}));
 }
 
-TEST(CsmiController, PortWithoutCsmiDriverRefusesEveryRequest) {
-    std::string error;
-    sim::reset_machine();
-    ASSERT_TRUE(sim::load_machine(R"({"controllers": [{"port": 5, "csmi": false}]})", ".", error));
-    auto info = request(1, "CSMIALL", 204);
-    EXPECT_FALSE(send(info, L"\\\\.\\SCSI5:").ok);
-    EXPECT_EQ(sim::machine().lastError, 1u);
-}
-
 TEST(CsmiController, RejectsBadDescriptions) {
     const std::pair<const char*, const char*> cases[] = {
         {R"({"csmi": true})", "a controller needs a port number"},
