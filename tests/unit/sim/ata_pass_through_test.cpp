@@ -67,11 +67,11 @@ TEST_F(SimAtaPassThrough, MalformedRequestsAreRefused) {
         const char* what;
         void (*change)(Aptd&);
     } cases[] = {
-        {"Length 40", [](Aptd& r) { put16(r.bytes.data(), 0, 40); }},
-        {"DATA_IN and DATA_OUT", [](Aptd& r) { put16(r.bytes.data(), 2, 0x07); }},
-        {"unknown flag", [](Aptd& r) { put16(r.bytes.data(), 2, 0x43); }},
-        {"TimeOutValue 0", [](Aptd& r) { put32(r.bytes.data(), 12, 0); }},
-        {"null DataBuffer", [](Aptd& r) { put64(r.bytes.data(), 24, 0); }},
+        {"Length 40", [](Aptd& r) { put(r.bytes.data(), 0, 40, 2); }},
+        {"DATA_IN and DATA_OUT", [](Aptd& r) { put(r.bytes.data(), 2, 0x07, 2); }},
+        {"unknown flag", [](Aptd& r) { put(r.bytes.data(), 2, 0x43, 2); }},
+        {"TimeOutValue 0", [](Aptd& r) { put(r.bytes.data(), 12, 0, 4); }},
+        {"null DataBuffer", [](Aptd& r) { put(r.bytes.data(), 24, 0, 8); }},
     };
     for (const Case& c : cases) {
         Aptd request(kIn, 512, identify, {0, 1, 0, 0, 0, 0, 0xEC, 0});

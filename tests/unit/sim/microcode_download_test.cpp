@@ -77,18 +77,12 @@ TEST_F(SimDownload, TakesAWholeImageAndAbortsEveryViolation) {
          true,
          65,
          {{3, 64, 0, 0, 32768}, {3, 1, 64, 32768, 512}}},
-        {"offset 0 starts over",
-         "ggg",
-         true,
-         8,
-         {{3, 4, 0, 0, 2048}, {3, 4, 0, 0, 2048}, {3, 4, 4, 2048, 2048}}},
         // The activation takes a whole deferred image, and only that.
         {"deferred, activated",
          "ggga",
          true,
          16,
          {{0x0E, 8, 0, 0, 4096}, {0x0E, 8, 8, 4096, 4096}, {0x0F, 0, 0, 0, 0}, {0x0F, 0, 0, 0, 0}}},
-        {"deferred alone", "g", false, 16, {{0x0E, 16, 0, 0, 8192}}},
         {"modes not taken",
          "aag",
          true,
@@ -128,26 +122,6 @@ TEST_F(SimDownload, TakesAWholeImageAndAbortsEveryViolation) {
             // Nothing of the image is kept: what follows finds no download in progress.
             EXPECT_FALSE(sim::machine().drives[0].downloading);
             EXPECT_EQ(send({{3, 4, 12, 6144, 2048}}, {}), "a");
-        }
-    }
-}
-
-TEST_F(SimDownload, InvalidImagesAreNeverActivatedNorKept) {
-    for (const sim::ImageDefect defect :
-         {sim::ImageDefect::BadCrc, sim::ImageDefect::BadMagic, sim::ImageDefect::BadLength}) {
-        for (const std::uint8_t mode : {0x03, 0x07, 0x0E}) {
-            load_drive();
-            const auto image = sim::make_image("QU020001", 16 * 512, defect);
-            const std::string statuses =
-                mode == 0x07 ? send({{7, 16, 0, 0, 8192}}, image)
-                             : send({{mode, 8, 0, 0, 4096}, {mode, 8, 8, 4096, 4096}}, image);
-            // A header that promises more data than came leaves the image waiting, unfinished.
-            const bool waits = defect == sim::ImageDefect::BadLength && mode != 0x07;
-            EXPECT_EQ(statuses.find('a') != std::string::npos, !waits)
-                << int(defect) << " " << int(mode);
-            EXPECT_EQ(revision(), "QU010001");
-            EXPECT_FALSE(sim::machine().drives[0].deferred);
-            EXPECT_EQ(send({{0x0F, 0, 0, 0, 0}}, {}), "a");
         }
     }
 }

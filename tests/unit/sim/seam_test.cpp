@@ -17,32 +17,6 @@ protected:
     }
 };
 
-TEST_F(SimSeam, SuccessfulCallsLeaveTheLastErrorAsItWasButOpeningClearsIt) {
-    win32::SetLastError(1234);
-    const win32::HANDLE handle = open(L"\\\\.\\physicaldrive0"); // paths ignore case
-    ASSERT_NE(handle, INVALID_HANDLE_VALUE);
-    EXPECT_EQ(win32::GetLastError(), 0u);
-    win32::SetLastError(1234);
-    std::array<std::uint8_t, 8> address{};
-    EXPECT_TRUE(send(handle, IOCTL_SCSI_GET_ADDRESS, address));
-    EXPECT_TRUE(win32::CloseHandle(handle));
-    EXPECT_EQ(win32::GetLastError(), 1234u);
-}
-
-TEST_F(SimSeam, HandlesAreNeverReusedAndCloseOnlyOnce) {
-    const win32::HANDLE first = open();
-    ASSERT_TRUE(win32::CloseHandle(first));
-    const win32::HANDLE second = open();
-    EXPECT_NE(first, second);
-    EXPECT_FALSE(win32::CloseHandle(first));
-    EXPECT_EQ(win32::GetLastError(), ERROR_INVALID_HANDLE);
-    std::array<std::uint8_t, 8> address{};
-    EXPECT_FALSE(send(first, IOCTL_SCSI_GET_ADDRESS, address));
-    EXPECT_EQ(win32::GetLastError(), ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(win32::CloseHandle(INVALID_HANDLE_VALUE));
-    EXPECT_EQ(sim::open_handle_count(sim::machine()), 1u);
-}
-
 TEST_F(SimSeam, GetAddressWritesEightBytesAndNothingMore) {
     const win32::HANDLE handle = open();
     std::array<std::uint8_t, 12> out;
