@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -105,12 +104,9 @@ std::vector<Scenario> scenarios() {
         for (const auto& [mode, modeOption] : modes) {
             for (const bool vv : {false, true}) { // /vv prints every register and FIS dump
                 for (const bool activate : {true, false}) {
-                    Scenario s{std::string(i.name) + mode + (activate ? "Activate" : "Retry1") +
-                                   (vv ? "Vv" : ""),
-                               i.wire,
-                               {i.device, kImage},
-                               i.drive,
-                               activate};
+                    const std::string name = std::string(i.name) + mode +
+                                             (activate ? "Activate" : "Retry1") + (vv ? "Vv" : "");
+                    Scenario s{name, i.wire, {i.device, kImage}, i.drive, activate};
                     for (const char* option : {modeOption, vv ? "/vv" : "", activate ? "/a" : "/r",
                                                activate ? "" : "1"}) {
                         if (*option != '\0') {
@@ -126,11 +122,8 @@ std::vector<Scenario> scenarios() {
     for (const auto& i : {interfaces[0], interfaces[1]}) {
         std::string device = i.device;
         device.back() = '1';
-        Scenario s{std::string(i.name) + "ImmediateOverLimitActivateVv",
-                   i.wire,
-                   {device, kImage, "/a", "/vv"},
-                   "narrow",
-                   true};
+        const std::string name = std::string(i.name) + "ImmediateOverLimitActivateVv";
+        Scenario s{name, i.wire, {device, kImage, "/a", "/vv"}, "narrow", true};
         s.overLimit = true;
         table.push_back(s);
     }
@@ -180,13 +173,13 @@ struct Fault {
 
     std::string text() const {
         std::ostringstream s;
-        s << kind->name;
+        s << kind->name << " on ";
         if (kind->target == Target::PlatformCall) {
-            s << " on call #" << call;
+            s << "call #" << call;
         } else if (kind->target == Target::DriveCommand) {
-            s << " on command 0x" << std::hex << unsigned{opcode} << std::dec << " #" << nth;
+            s << "command 0x" << std::hex << unsigned{opcode} << std::dec << " #" << nth;
         } else {
-            s << " on STP request #" << nth;
+            s << "STP request #" << nth;
         }
         return s.str();
     }
@@ -750,25 +743,18 @@ TEST_P(FaultSweep, EveryFaultEndsTheRunAsTheRunDriverSays) {
     const Scenario& scenario = GetParam();
     const RunResult clean = run(scenario, imagePath_, nullptr);
     const std::vector<Step> cleanSteps = steps_of(scenario.wire, clean.log, {});
+    // An over-limit run ends before its one command; the clean run shows the others'.
+    std::size_t transfersPerAttempt = scenario.overLimit ? 1 : 0;
+    bool paused = false;
+    std::map<std::uint64_t, Stage> reference;
     for (const Step& step : cleanSteps) {
         ASSERT_NE(step.stage, Stage::Unknown) << "call #" << step.sequence << " of the clean run";
-    }
-    std::size_t transfersPerAttempt = 0;
-    for (const Step& step : cleanSteps) {
-        if (step.stage == Stage::Pause) {
-            break;
-        }
-        transfersPerAttempt += step.stage == Stage::Transfer ? 1 : 0;
-    }
-    if (scenario.overLimit) {
-        transfersPerAttempt = 1; // the clean run ends before it; mode 0x07 sends one command
+        reference[step.sequence] = step.stage;
+        paused = paused || step.stage == Stage::Pause;
+        transfersPerAttempt += !paused && step.stage == Stage::Transfer ? 1 : 0;
     }
     if (scenario.download()) {
         ASSERT_GT(transfersPerAttempt, 0u);
-    }
-    std::map<std::uint64_t, Stage> reference;
-    for (const Step& step : cleanSteps) {
-        reference[step.sequence] = step.stage;
     }
 
     std::size_t runs = 0;
