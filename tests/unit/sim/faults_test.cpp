@@ -2,9 +2,7 @@
 // The fault sweep places one fault at every call and every command of a run; it can tell a fault
 // that ended a run from one that never fired only if each fires exactly where it was put.
 #include <string>
-#include <vector>
 
-#include "sim/microcode_image.hpp"
 #include "sim_fixture.hpp"
 
 namespace simtest {
@@ -116,21 +114,6 @@ TEST_F(SimFaults, OnTheSatBridgeAFaultIsCheckConditionOrTheGivenScsiAnswer) {
         }
     }
     EXPECT_EQ(statuses, "280");
-}
-
-TEST_F(SimFaults, ExecutedCommandsChangeTheDriveEvenWhenTheirStatusIsReplaced) {
-    load(one_drive(R"("failDownload": 1)"));
-    ASSERT_EQ(sim::machine().faults.commands.size(), 1u);
-    sim::machine().faults.commands[0].execute = true;
-    std::vector<std::uint8_t> image = sim::make_image("QU020001", 1024);
-    sim::AtaCommand command;
-    command.command = 0x92;
-    command.features = 0x07;
-    command.count = 2;
-    const sim::AtaOutcome outcome = sim::run_ata_command(sim::machine(), "d0", command,
-                                                         sim::DataPhase::Out, image.data(), 1024);
-    EXPECT_EQ(outcome.status, 0x51);
-    EXPECT_EQ(sim::firmware_revision(sim::machine().drives[0]), "QU020001");
 }
 
 } // namespace

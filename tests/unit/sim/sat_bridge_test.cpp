@@ -106,8 +106,6 @@ TEST_F(SimSatBridge, WhatTheBridgeDoesNotCarryIsAnIllegalRequest) {
     } cases[] = {
         {"a VPD page other than 0x80", {0x12, 1, 0x83, 0, 252, 0}, kDataIn, 252, 0x24},
         {"a page without EVPD", {0x12, 0, 0x80, 0, 252, 0}, kDataIn, 252, 0x24},
-        {"TEST UNIT READY", {0x00, 0, 0, 0, 0, 0}, kDataUnspecified, 0, 0x20},
-        {"READ CAPACITY", {0x25, 0, 0, 0, 0, 0}, kDataUnspecified, 0, 0x20},
         {"ATA PASS-THROUGH(12)", {0xA1, 0, 0, 0, 0, 0}, kDataUnspecified, 0, 0x20},
         {"PIO data-in without T_DIR", pass_through(4, false), kDataIn, 512, 0x24},
         {"PIO data-out with T_DIR", pass_through(5, true), kDataOut, 512, 0x24},

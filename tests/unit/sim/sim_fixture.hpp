@@ -62,12 +62,11 @@ struct Sptd {
 
 // ATA PASS-THROUGH(16): protocol, EXTEND, T_DIR, then the twelve register bytes.
 inline std::vector<std::uint8_t> ata16(std::uint8_t protocol, bool extend, bool toHost,
-                                       const std::array<std::uint8_t, 12>& registers,
-                                       bool checkCondition = false) {
+                                       const std::array<std::uint8_t, 12>& registers) {
     std::vector<std::uint8_t> cdb(16, 0);
     cdb[0] = 0x85;
     cdb[1] = static_cast<std::uint8_t>(protocol << 1 | (extend ? 1 : 0));
-    cdb[2] = static_cast<std::uint8_t>((checkCondition ? 0x20 : 0) | (toHost ? 0x08 : 0) | 0x06);
+    cdb[2] = static_cast<std::uint8_t>((toHost ? 0x08 : 0) | 0x06); // BYT_BLOK, T_LENGTH in Count
     std::memcpy(&cdb[3], registers.data(), 12);
     return cdb;
 }
@@ -101,9 +100,9 @@ protected:
         std::string error;
         ASSERT_TRUE(sim::load_machine(json, baseDir, error)) << error;
     }
-    static win32::HANDLE open(const wchar_t* path = L"\\\\.\\PhysicalDrive0",
-                              win32::DWORD access = GENERIC_READ | GENERIC_WRITE) {
-        return win32::CreateFileW(path, access, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    static win32::HANDLE open() {
+        return win32::CreateFileW(L"\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE, 0,
+                                  nullptr, OPEN_EXISTING, 0, nullptr);
     }
     // Sends a request record as both input and output, as the program does.
     template <std::size_t N>

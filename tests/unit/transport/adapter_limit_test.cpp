@@ -2,7 +2,6 @@
 // limit as the storage driver reports it.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -57,8 +56,6 @@ TEST_F(ScreenTransferLimit, NamesTheDataPhaseTheLimitAndTheSegmentSizeThatFits) 
          "most 0; not even one block of 512 bytes fits. No firmware command was sent.\n"},
         {R"("maxTransferBytes": 100000)", kModeImmediate, 64, Status::Success, ""},
         {R"("maxTransferBytes": 65536)", kModeDeferred, 128, Status::Success, ""},
-        {R"("maxTransferBytes": 1024, "adapterQuery": false)", kModeImmediate, 64, Status::Success,
-         ""},
     };
     for (const Case& c : cases) {
         DeviceContext context = open_disk(c.disk);
