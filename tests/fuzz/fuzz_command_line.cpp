@@ -23,35 +23,20 @@ namespace {
 // whatever it is; any other byte gives itself.
 std::wstring decode_argument(const std::uint8_t* bytes, std::size_t count) {
     std::wstring text;
-    std::size_t i = 0;
-    while (i < count) {
+    for (std::size_t i = 0; i < count;) {
         const std::uint8_t lead = bytes[i];
-        std::size_t extra = 0;
-        std::uint32_t value = lead;
-        if (lead >= 0xF0 && lead <= 0xF7) {
-            extra = 3;
-            value = lead & 0x07;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            extra = 2;
-            value = lead & 0x0F;
-        } else if (lead >= 0xC0 && lead <= 0xDF) {
-            extra = 1;
-            value = lead & 0x1F;
-        }
+        const std::size_t extra = lead >= 0xF0 && lead <= 0xF7   ? 3
+                                  : lead >= 0xE0 && lead <= 0xEF ? 2
+                                  : lead >= 0xC0 && lead <= 0xDF ? 1
+                                                                 : 0;
         bool whole = extra != 0 && i + extra < count;
+        std::uint32_t value = lead & (0x7F >> (extra + 1));
         for (std::size_t k = 1; whole && k <= extra; ++k) {
             whole = (bytes[i + k] & 0xC0) == 0x80;
-        }
-        if (!whole) {
-            text += static_cast<wchar_t>(lead);
-            ++i;
-            continue;
-        }
-        for (std::size_t k = 1; k <= extra; ++k) {
             value = value << 6 | (bytes[i + k] & 0x3F);
         }
-        text += static_cast<wchar_t>(value);
-        i += extra + 1;
+        text += static_cast<wchar_t>(whole ? value : lead);
+        i += whole ? extra + 1 : 1;
     }
     return text;
 }

@@ -22,11 +22,11 @@
 //   512 bytes: the drive's IDENTIFY DEVICE data
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "fuzz_input.hpp"
+#include "sim/call_log.hpp"
 #include "sim/identify_data.hpp"
 #include "sim/machine.hpp"
 #include "whole_run.hpp"
@@ -80,16 +80,6 @@ sim::CsmiFault read_fault(fuzz::Input& input) {
     return fault;
 }
 
-std::string hex_address(const std::array<std::uint8_t, 8>& address) {
-    std::string text;
-    for (const std::uint8_t byte : address) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", byte);
-        text += digits;
-    }
-    return text;
-}
-
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -140,42 +130,32 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         disk.driveId = drive.id;
         sim::machine().disks.push_back(disk);
     }
-    const std::string address = hex_address(controller.phys[phyNumber % 32].attached.sasAddress);
+    std::string address;
+    for (const std::uint8_t byte : controller.phys[phyNumber % 32].attached.sasAddress) {
+        address += sim::hex8(byte);
+    }
     const std::string phyText = std::to_string(static_cast<std::int8_t>(phyNumber));
     sim::machine().controllers.push_back(controller);
 
-    std::vector<std::string> arguments;
-    switch (run & 0x03) {
-    case 0:
-        arguments.push_back("--scan");
-        break;
-    case 1:
-        arguments.push_back("/C:" + portPath + phyText);
-        break;
-    case 2:
-        arguments.push_back("/C:" + port + "," + address);
-        break;
-    default:
-        arguments.push_back("/C:" + portPath + phyText);
+    const std::string selections[] = {"--scan", "/C:" + portPath + phyText,
+                                      "/C:" + port + "," + address, "/C:" + portPath + phyText};
+    std::vector<std::string> arguments{selections[run & 0x03]};
+    if ((run & 0x03) == 3) {
         arguments.push_back("/l");
-        break;
     }
     const int verbose = (run >> 2) & 0x03;
     if (verbose != 0) {
         arguments.push_back(verbose == 1 ? "/v" : "/vv");
     }
-    if ((run & 0x10) != 0) {
-        arguments.push_back("/i");
-    }
-    if ((run & 0x20) != 0) {
-        arguments.push_back("/D:" FUZZ_DATA_DIR "/image-qs020001.bin");
-    }
-    if ((run & 0x40) != 0) {
-        arguments.push_back("/e");
-        arguments.push_back("/a");
-    }
-    if ((run & 0x80) != 0) {
-        arguments.push_back("/s");
+    const std::pair<int, std::vector<std::string>> options[] = {
+        {0x10, {"/i"}},
+        {0x20, {"/D:" FUZZ_DATA_DIR "/image-qs020001.bin"}},
+        {0x40, {"/e", "/a"}},
+        {0x80, {"/s"}}};
+    for (const auto& [bit, words] : options) {
+        if ((run & bit) != 0) {
+            arguments.insert(arguments.end(), words.begin(), words.end());
+        }
     }
 
     const int code = fuzz::run_program(arguments);

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <vector>
 
 #include "platform/console.hpp"
@@ -18,7 +17,6 @@ class Input {
 public:
     Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
 
-    std::size_t remaining() const { return size_ - offset_; }
     bool empty() const { return offset_ >= size_; }
 
     std::uint8_t u8() { return offset_ < size_ ? data_[offset_++] : 0; }
@@ -37,11 +35,6 @@ public:
         for (std::size_t i = 0; i < count; ++i) {
             out[i] = u8();
         }
-    }
-    std::vector<std::uint8_t> bytes(std::size_t count) {
-        std::vector<std::uint8_t> out(count);
-        bytes(out.data(), count);
-        return out;
     }
     // Up to count bytes, as many as the input still holds.
     std::vector<std::uint8_t> rest(std::size_t count) {

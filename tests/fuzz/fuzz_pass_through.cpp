@@ -30,16 +30,6 @@ const char kMachine[] = R"({
   "disks": [{"path": "\\\\.\\PhysicalDrive0", "drive": "d0"}]
 })";
 
-struct Template {
-    std::vector<sim::Drive> drives;
-    std::vector<sim::Disk> disks;
-};
-
-Template& machine_template() {
-    static Template instance;
-    return instance;
-}
-
 sim::CommandFault read_outcome(fuzz::Input& input) {
     static const std::uint8_t commands[] = {0xEC, 0x2F, 0x92, 0xEC};
     const std::uint8_t selector = input.u8();
@@ -66,22 +56,14 @@ sim::CommandFault read_outcome(fuzz::Input& input) {
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    std::string error;
-    if (!sim::load_machine(kMachine, "", error)) {
-        fuzz::fail(error.c_str());
-    }
-    machine_template().drives = sim::machine().drives;
-    machine_template().disks = sim::machine().disks;
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);
     sim::reset_machine();
     fuzz::discard_console();
-    sim::machine().drives = machine_template().drives;
-    sim::machine().disks = machine_template().disks;
+    std::string error;
+    if (!sim::load_machine(kMachine, "", error)) {
+        fuzz::fail(error.c_str());
+    }
 
     const std::uint8_t options = input.u8();
     const std::uint8_t segment = input.u8();

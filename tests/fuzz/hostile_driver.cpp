@@ -65,8 +65,10 @@ void check_owned(const void* buffer, std::uint32_t length, const char* what) {
     }
 }
 
-std::uint32_t read32(const std::uint8_t* bytes, std::size_t offset) {
-    std::uint32_t value = 0;
+// A field of the request record in the system buffer.
+template <typename T>
+T field(const std::uint8_t* bytes, std::size_t offset) {
+    T value{};
     std::memcpy(&value, bytes + offset, sizeof value);
     return value;
 }
@@ -75,16 +77,8 @@ void write32(std::uint8_t* bytes, std::size_t offset, std::uint32_t value) {
     std::memcpy(bytes + offset, &value, sizeof value);
 }
 
-void* read_pointer(const std::uint8_t* bytes, std::size_t offset) {
-    void* value = nullptr;
-    std::memcpy(&value, bytes + offset, sizeof value);
-    return value;
-}
-
-struct Answer {
-    bool overReport = false;
-    bool returnedGiven = false;
-};
+using Sptd = win32::SCSI_PASS_THROUGH_DIRECT;
+using Aptd = win32::ATA_PASS_THROUGH_DIRECT;
 
 // Data-in bytes from the input into the request's buffer, never more than it asked for.
 std::uint32_t move_data_in(void* buffer, std::uint32_t requested) {
@@ -96,8 +90,9 @@ std::uint32_t move_data_in(void* buffer, std::uint32_t requested) {
     return moved;
 }
 
-std::uint32_t reported_length(const Answer& answer, std::uint32_t requested, std::uint32_t moved) {
-    if (!answer.overReport) {
+// The transfer length the answer gives, when it gives one; else the bytes moved.
+std::uint32_t reported_length(bool lengthGiven, std::uint32_t requested, std::uint32_t moved) {
+    if (!lengthGiven) {
         return moved;
     }
     const std::uint32_t claimed = input().u32();
@@ -105,23 +100,20 @@ std::uint32_t reported_length(const Answer& answer, std::uint32_t requested, std
 }
 
 // SCSI_PASS_THROUGH_DIRECT in the system buffer; returns the bytes the driver fills.
-win32::DWORD scsi_pass_through(const Answer& answer, std::uint8_t* system, win32::DWORD inBytes,
+win32::DWORD scsi_pass_through(bool lengthGiven, std::uint8_t* system, win32::DWORD inBytes,
                                win32::DWORD outBytes) {
-    constexpr std::size_t kRecord = sizeof(win32::SCSI_PASS_THROUGH_DIRECT);
+    constexpr std::size_t kRecord = sizeof(Sptd);
     if (inBytes < kRecord || outBytes < kRecord) {
         return 0;
     }
-    const std::uint8_t dataIn = system[offsetof(win32::SCSI_PASS_THROUGH_DIRECT, DataIn)];
-    const std::uint32_t requested =
-        read32(system, offsetof(win32::SCSI_PASS_THROUGH_DIRECT, DataTransferLength));
-    void* data = read_pointer(system, offsetof(win32::SCSI_PASS_THROUGH_DIRECT, DataBuffer));
-    const std::uint32_t senseOffset =
-        read32(system, offsetof(win32::SCSI_PASS_THROUGH_DIRECT, SenseInfoOffset));
-    const std::uint8_t senseRoom =
-        system[offsetof(win32::SCSI_PASS_THROUGH_DIRECT, SenseInfoLength)];
+    const std::uint8_t dataIn = system[offsetof(Sptd, DataIn)];
+    const auto requested = field<std::uint32_t>(system, offsetof(Sptd, DataTransferLength));
+    void* data = field<void*>(system, offsetof(Sptd, DataBuffer));
+    const auto senseOffset = field<std::uint32_t>(system, offsetof(Sptd, SenseInfoOffset));
+    const std::uint8_t senseRoom = system[offsetof(Sptd, SenseInfoLength)];
     check_owned(data, requested, "SCSI pass-through");
 
-    system[offsetof(win32::SCSI_PASS_THROUGH_DIRECT, ScsiStatus)] = input().u8();
+    system[offsetof(Sptd, ScsiStatus)] = input().u8();
     const std::vector<std::uint8_t> sense = input().rest(input().u8());
     std::size_t senseLength = std::min<std::size_t>(sense.size(), senseRoom);
     if (senseOffset < kRecord || senseOffset > outBytes) {
@@ -131,46 +123,35 @@ win32::DWORD scsi_pass_through(const Answer& answer, std::uint8_t* system, win32
     if (senseLength != 0) {
         std::memcpy(system + senseOffset, sense.data(), senseLength);
     }
-    system[offsetof(win32::SCSI_PASS_THROUGH_DIRECT, SenseInfoLength)] =
-        static_cast<std::uint8_t>(senseLength);
+    system[offsetof(Sptd, SenseInfoLength)] = static_cast<std::uint8_t>(senseLength);
 
-    std::uint32_t moved = 0;
-    if (dataIn == SCSI_IOCTL_DATA_IN) {
-        moved = move_data_in(data, requested);
-    } else {
-        moved = requested; // data out: the driver takes what it was given
-    }
-    write32(system, offsetof(win32::SCSI_PASS_THROUGH_DIRECT, DataTransferLength),
-            reported_length(answer, requested, moved));
+    // Data out: the driver takes what it was given.
+    const std::uint32_t moved =
+        dataIn == SCSI_IOCTL_DATA_IN ? move_data_in(data, requested) : requested;
+    write32(system, offsetof(Sptd, DataTransferLength),
+            reported_length(lengthGiven, requested, moved));
     return static_cast<win32::DWORD>(senseLength != 0 ? senseOffset + senseLength : kRecord);
 }
 
-win32::DWORD ata_pass_through(const Answer& answer, std::uint8_t* system, win32::DWORD inBytes,
+win32::DWORD ata_pass_through(bool lengthGiven, std::uint8_t* system, win32::DWORD inBytes,
                               win32::DWORD outBytes) {
-    constexpr std::size_t kRecord = sizeof(win32::ATA_PASS_THROUGH_DIRECT);
+    constexpr std::size_t kRecord = sizeof(Aptd);
     if (inBytes < kRecord || outBytes < kRecord) {
         return 0;
     }
-    std::uint16_t flags = 0;
-    std::memcpy(&flags, system + offsetof(win32::ATA_PASS_THROUGH_DIRECT, AtaFlags), sizeof flags);
-    const std::uint32_t requested =
-        read32(system, offsetof(win32::ATA_PASS_THROUGH_DIRECT, DataTransferLength));
-    void* data = read_pointer(system, offsetof(win32::ATA_PASS_THROUGH_DIRECT, DataBuffer));
+    const auto flags = field<std::uint16_t>(system, offsetof(Aptd, AtaFlags));
+    const auto requested = field<std::uint32_t>(system, offsetof(Aptd, DataTransferLength));
+    void* data = field<void*>(system, offsetof(Aptd, DataBuffer));
     const bool moves = (flags & (ATA_FLAGS_DATA_IN | ATA_FLAGS_DATA_OUT)) != 0;
-    if (moves) {
-        check_owned(data, requested, "ATA pass-through");
-    }
+    check_owned(data, moves ? requested : 0, "ATA pass-through");
 
-    input().bytes(system + offsetof(win32::ATA_PASS_THROUGH_DIRECT, CurrentTaskFile), 8);
-    input().bytes(system + offsetof(win32::ATA_PASS_THROUGH_DIRECT, PreviousTaskFile), 8);
-    std::uint32_t moved = 0;
-    if ((flags & ATA_FLAGS_DATA_IN) != 0) {
-        moved = move_data_in(data, requested);
-    } else if (moves) {
-        moved = requested;
-    }
-    write32(system, offsetof(win32::ATA_PASS_THROUGH_DIRECT, DataTransferLength),
-            reported_length(answer, requested, moved));
+    input().bytes(system + offsetof(Aptd, CurrentTaskFile), 8);
+    input().bytes(system + offsetof(Aptd, PreviousTaskFile), 8);
+    const std::uint32_t moved = (flags & ATA_FLAGS_DATA_IN) != 0 ? move_data_in(data, requested)
+                                : moves                          ? requested
+                                                                 : 0;
+    write32(system, offsetof(Aptd, DataTransferLength),
+            reported_length(lengthGiven, requested, moved));
     return static_cast<win32::DWORD>(kRecord);
 }
 
@@ -227,9 +208,7 @@ BOOL DeviceIoControl(HANDLE device, DWORD ioControlCode, void* inBuffer, DWORD i
         s.lastError = pick_error(input().u8());
         return 0;
     }
-    Answer answer;
-    answer.overReport = (how & 0x02) != 0;
-    answer.returnedGiven = (how & 0x04) != 0;
+    const bool lengthGiven = (how & 0x02) != 0;
 
     std::vector<std::uint8_t> system(std::max(inBufferSize, outBufferSize), 0);
     if (inBufferSize != 0) {
@@ -238,17 +217,14 @@ BOOL DeviceIoControl(HANDLE device, DWORD ioControlCode, void* inBuffer, DWORD i
     DWORD returned = 0;
     switch (ioControlCode) {
     case IOCTL_SCSI_PASS_THROUGH_DIRECT:
-        returned = scsi_pass_through(answer, system.data(), inBufferSize, outBufferSize);
+        returned = scsi_pass_through(lengthGiven, system.data(), inBufferSize, outBufferSize);
         break;
     case IOCTL_ATA_PASS_THROUGH_DIRECT:
-        returned = ata_pass_through(answer, system.data(), inBufferSize, outBufferSize);
+        returned = ata_pass_through(lengthGiven, system.data(), inBufferSize, outBufferSize);
         break;
-    case IOCTL_SCSI_GET_ADDRESS:
-        returned = std::min<DWORD>(outBufferSize, 8);
-        input().bytes(system.data(), returned);
-        break;
+    case IOCTL_SCSI_GET_ADDRESS:       // 8 bytes
     case IOCTL_STORAGE_QUERY_PROPERTY: // any adapter descriptor, of any length
-        returned = std::min<DWORD>(outBufferSize, 32);
+        returned = std::min<DWORD>(outBufferSize, ioControlCode == IOCTL_SCSI_GET_ADDRESS ? 8 : 32);
         input().bytes(system.data(), returned);
         break;
     case IOCTL_SCSI_MINIPORT: {
@@ -263,7 +239,7 @@ BOOL DeviceIoControl(HANDLE device, DWORD ioControlCode, void* inBuffer, DWORD i
         s.lastError = ERROR_INVALID_FUNCTION;
         return 0;
     }
-    if (answer.returnedGiven) {
+    if ((how & 0x04) != 0) { // the bytes returned are given
         returned = input().u16();
     }
     returned = std::min(returned, outBufferSize);

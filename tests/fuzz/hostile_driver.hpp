@@ -23,8 +23,6 @@
 // Without bit 1 the reported transfer length is the number of bytes moved.
 #pragma once
 
-#include <cstdint>
-
 #include "fuzz_input.hpp"
 
 namespace hostile {

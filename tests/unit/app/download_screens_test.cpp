@@ -1,4 +1,5 @@
-// The screen that keeps a firmware command from going to a device that is no ATA drive.
+// The screen that keeps a firmware command from going to a device that is no ATA drive, where
+// the stricter/not-ata-* transcripts do not show it.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,12 +18,9 @@ TEST(ScreenAtaDevice, RefusesWhatIdentifyShowsIsNoAtaDrive) {
         Status status;
     };
     const Case cases[] = {
-        {0x0040, "QSIM SATA SSD", "QS1", Status::Success},
         // An ATAPI device answers with word 0 bit 15 set, whatever its strings hold.
         {0x85C0, "QEMU DVD-ROM", "QM00003", Status::NoDevice},
-        {0x8000, "", "", Status::NoDevice},
         // A translator that sent no IDENTIFY data: NULs, and blanks between them.
-        {0x0000, std::string(40, '\0'), std::string(20, '\0'), Status::NoDevice},
         {0x0000, "\0\0 \0"s, "\0 \0"s, Status::NoDevice},
         // One of the two is enough to be an ATA drive's.
         {0x0000, "QSIM", std::string(20, '\0'), Status::Success},

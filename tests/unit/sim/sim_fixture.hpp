@@ -15,23 +15,14 @@
 
 namespace simtest {
 
-inline void put16(std::uint8_t* b, std::size_t at, std::uint16_t v) {
-    b[at] = static_cast<std::uint8_t>(v);
-    b[at + 1] = static_cast<std::uint8_t>(v >> 8);
-}
-inline void put32(std::uint8_t* b, std::size_t at, std::uint32_t v) {
-    put16(b, at, static_cast<std::uint16_t>(v));
-    put16(b, at + 2, static_cast<std::uint16_t>(v >> 16));
-}
-inline void put64(std::uint8_t* b, std::size_t at, std::uint64_t v) {
-    put32(b, at, static_cast<std::uint32_t>(v));
-    put32(b, at + 4, static_cast<std::uint32_t>(v >> 32));
-}
-inline std::uint16_t get16(const std::uint8_t* b, std::size_t at) {
-    return static_cast<std::uint16_t>(b[at] | b[at + 1] << 8);
+// Little-endian fields of size bytes, as the records lay them out.
+inline void put(std::uint8_t* b, std::size_t at, std::uint64_t v, std::size_t size) {
+    for (std::size_t i = 0; i < size; ++i) {
+        b[at + i] = static_cast<std::uint8_t>(v >> 8 * i);
+    }
 }
 inline std::uint32_t get32(const std::uint8_t* b, std::size_t at) {
-    return get16(b, at) | static_cast<std::uint32_t>(get16(b, at + 2)) << 16;
+    return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | static_cast<std::uint32_t>(b[at + 3]) << 24;
 }
 
 // One disk, \\.\PhysicalDrive0, with the drive "d0"; the extras are spliced into the drive's and
@@ -53,14 +44,14 @@ struct Sptd {
     Sptd(const std::vector<std::uint8_t>& cdb, std::uint8_t dataIn, std::uint32_t length,
          void* data) {
         std::uint8_t* b = bytes.data();
-        put16(b, 0, 56);
+        put(b, 0, 56, 2);
         b[6] = static_cast<std::uint8_t>(cdb.size());
         b[7] = 252;
         b[8] = dataIn;
-        put32(b, 12, length);
-        put32(b, 16, 5);
-        put64(b, 24, reinterpret_cast<std::uintptr_t>(data));
-        put32(b, 32, 56);
+        put(b, 12, length, 4);
+        put(b, 16, 5, 4);
+        put(b, 24, reinterpret_cast<std::uintptr_t>(data), 8);
+        put(b, 32, 56, 4);
         std::memcpy(b + 36, cdb.data(), cdb.size());
     }
     std::uint8_t scsiStatus() const { return bytes[2]; }
@@ -71,12 +62,11 @@ struct Sptd {
 
 // ATA PASS-THROUGH(16): protocol, EXTEND, T_DIR, then the twelve register bytes.
 inline std::vector<std::uint8_t> ata16(std::uint8_t protocol, bool extend, bool toHost,
-                                       const std::array<std::uint8_t, 12>& registers,
-                                       bool checkCondition = false) {
+                                       const std::array<std::uint8_t, 12>& registers) {
     std::vector<std::uint8_t> cdb(16, 0);
     cdb[0] = 0x85;
     cdb[1] = static_cast<std::uint8_t>(protocol << 1 | (extend ? 1 : 0));
-    cdb[2] = static_cast<std::uint8_t>((checkCondition ? 0x20 : 0) | (toHost ? 0x08 : 0) | 0x06);
+    cdb[2] = static_cast<std::uint8_t>((toHost ? 0x08 : 0) | 0x06); // BYT_BLOK, T_LENGTH in Count
     std::memcpy(&cdb[3], registers.data(), 12);
     return cdb;
 }
@@ -89,11 +79,11 @@ struct Aptd {
          const std::array<std::uint8_t, 8>& current,
          const std::array<std::uint8_t, 8>& previous = {}) {
         std::uint8_t* b = bytes.data();
-        put16(b, 0, 48);
-        put16(b, 2, flags);
-        put32(b, 8, length);
-        put32(b, 12, 5);
-        put64(b, 24, reinterpret_cast<std::uintptr_t>(data));
+        put(b, 0, 48, 2);
+        put(b, 2, flags, 2);
+        put(b, 8, length, 4);
+        put(b, 12, 5, 4);
+        put(b, 24, reinterpret_cast<std::uintptr_t>(data), 8);
         std::memcpy(b + 32, previous.data(), 8);
         std::memcpy(b + 40, current.data(), 8);
     }
@@ -110,9 +100,9 @@ protected:
         std::string error;
         ASSERT_TRUE(sim::load_machine(json, baseDir, error)) << error;
     }
-    static win32::HANDLE open(const wchar_t* path = L"\\\\.\\PhysicalDrive0",
-                              win32::DWORD access = GENERIC_READ | GENERIC_WRITE) {
-        return win32::CreateFileW(path, access, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    static win32::HANDLE open() {
+        return win32::CreateFileW(L"\\\\.\\PhysicalDrive0", GENERIC_READ | GENERIC_WRITE, 0,
+                                  nullptr, OPEN_EXISTING, 0, nullptr);
     }
     // Sends a request record as both input and output, as the program does.
     template <std::size_t N>

@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iostream>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -68,17 +67,18 @@ enum class Wire { Sat, Ata, Csmi, Scan };
 struct Scenario {
     std::string name;
     Wire wire;
-    std::vector<std::string> arguments; // after the program name; kImage stands for the file
-    std::string drive;                  // the drive the run updates
-    bool download = false;
-    bool activate = false;
-    int retries = 0;
+    std::vector<std::string> arguments; // after the program name; kImage names the file
+    std::string drive = {};             // the drive the run updates; none for a scan
+    bool activate = false;              // with /a; without it, /r 1
     // The whole image in one command exceeds the adapter's limit: a run whose limit query is
     // answered ends before the vendor identify.
     bool overLimit = false;
+
+    bool download() const { return wire != Wire::Scan; }
+    int retries() const { return download() && !activate ? 1 : 0; }
 };
 
-const std::string kImage = "<image>";
+const std::string kImage = "/D:<image>";
 
 // Test listings name the scenario rather than dump its bytes.
 void PrintTo(const Scenario& scenario, std::ostream* out) {
@@ -86,63 +86,49 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
 }
 
 std::vector<Scenario> scenarios() {
-    struct Interface {
+    const struct {
         const char* name;
         Wire wire;
         const char* device;
         const char* drive;
-    };
-    const Interface interfaces[] = {
+    } interfaces[] = {
         {"ScsiPassThrough", Wire::Sat, "\\\\.\\PhysicalDrive0", "disk"},
         {"AtaPassThrough", Wire::Ata, "/T:\\\\.\\PhysicalDrive0", "disk"},
         {"CsmiByPhy", Wire::Csmi, "/C:\\\\.\\SCSI2:0", "sata"},
         {"CsmiByAddress", Wire::Csmi, "/C:2,0000000500000000", "stp"},
     };
-    const std::pair<const char*, std::vector<std::string>> modes[] = {
-        {"Immediate", {}}, {"Segmented", {"/s"}}, {"Deferred", {"/e"}}};
-    // Quiet, and at the level that prints every diagnostic: register, request and FIS dumps.
-    const std::pair<const char*, std::vector<std::string>> levels[] = {{"", {}}, {"Vv", {"/vv"}}};
+    const std::pair<const char*, const char*> modes[] = {
+        {"Immediate", ""}, {"Segmented", "/s"}, {"Deferred", "/e"}};
     std::vector<Scenario> table;
-    for (const Interface& i : interfaces) {
-        for (const auto& [modeName, modeOptions] : modes) {
-            for (const auto& [levelName, levelOptions] : levels) {
+    for (const auto& i : interfaces) {
+        for (const auto& [mode, modeOption] : modes) {
+            for (const bool vv : {false, true}) { // /vv prints every register and FIS dump
                 for (const bool activate : {true, false}) {
-                    Scenario s{std::string(i.name) + modeName + (activate ? "Activate" : "Retry1") +
-                                   levelName,
-                               i.wire,
-                               {i.device, "/D:" + kImage},
-                               i.drive,
-                               true,
-                               activate,
-                               activate ? 0 : 1};
-                    for (const auto* options : {&modeOptions, &levelOptions}) {
-                        s.arguments.insert(s.arguments.end(), options->begin(), options->end());
-                    }
-                    if (activate) {
-                        s.arguments.push_back("/a");
-                    } else {
-                        s.arguments.insert(s.arguments.end(), {"/r", "1"});
+                    const std::string name = std::string(i.name) + mode +
+                                             (activate ? "Activate" : "Retry1") + (vv ? "Vv" : "");
+                    Scenario s{name, i.wire, {i.device, kImage}, i.drive, activate};
+                    for (const char* option : {modeOption, vv ? "/vv" : "", activate ? "/a" : "/r",
+                                               activate ? "" : "1"}) {
+                        if (*option != '\0') {
+                            s.arguments.push_back(option);
+                        }
                     }
                     table.push_back(s);
                 }
             }
         }
     }
-    // The 100,000-byte image in one command, where the adapter carries 65,536.
-    for (const Interface& i : {interfaces[0], interfaces[1]}) {
-        const std::string device =
-            std::string(i.device).replace(std::string(i.device).find("Drive0"), 6, "Drive1");
-        table.push_back({std::string(i.name) + "ImmediateOverLimitActivateVv",
-                         i.wire,
-                         {device, "/D:" + kImage, "/a", "/vv"},
-                         "narrow",
-                         true,
-                         true,
-                         0,
-                         true});
+    // The 100,000-byte image in one command to \\.\PhysicalDrive1, whose adapter carries 65,536.
+    for (const auto& i : {interfaces[0], interfaces[1]}) {
+        std::string device = i.device;
+        device.back() = '1';
+        const std::string name = std::string(i.name) + "ImmediateOverLimitActivateVv";
+        Scenario s{name, i.wire, {device, kImage, "/a", "/vv"}, "narrow", true};
+        s.overLimit = true;
+        table.push_back(s);
     }
-    table.push_back({"Scan", Wire::Scan, {"--scan"}, "", false, false, 0});
-    table.push_back({"ScanVv", Wire::Scan, {"--scan", "/vv"}, "", false, false, 0});
+    table.push_back({"Scan", Wire::Scan, {"--scan"}});
+    table.push_back({"ScanVv", Wire::Scan, {"--scan", "/vv"}});
     return table;
 }
 
@@ -171,14 +157,10 @@ const FaultKind kFaultKinds[] = {
 };
 
 bool applies(const FaultKind& kind, Wire wire) {
-    switch (kind.target) {
-    case Target::PlatformCall:
-    case Target::DriveCommand:
-        return !kind.checkCondition || wire == Wire::Sat;
-    case Target::StpReturnCode:
+    if (kind.target == Target::StpReturnCode) {
         return wire == Wire::Csmi || wire == Wire::Scan;
     }
-    return false;
+    return !kind.checkCondition || wire == Wire::Sat;
 }
 
 // One fault of one kind at one place: the platform call of that sequence number, or the nth
@@ -191,13 +173,13 @@ struct Fault {
 
     std::string text() const {
         std::ostringstream s;
-        s << kind->name;
+        s << kind->name << " on ";
         if (kind->target == Target::PlatformCall) {
-            s << " on call #" << call;
+            s << "call #" << call;
         } else if (kind->target == Target::DriveCommand) {
-            s << " on command 0x" << std::hex << unsigned{opcode} << std::dec << " #" << nth;
+            s << "command 0x" << std::hex << unsigned{opcode} << std::dec << " #" << nth;
         } else {
-            s << " on STP request #" << nth;
+            s << "STP request #" << nth;
         }
         return s.str();
     }
@@ -261,10 +243,7 @@ RunResult run(const Scenario& scenario, const std::string& image, const Fault* f
     }
     std::vector<std::string> narrow{"quenmark"};
     for (const std::string& argument : scenario.arguments) {
-        const std::size_t at = argument.find(kImage);
-        narrow.push_back(at == std::string::npos ? argument
-                                                 : argument.substr(0, at) + image +
-                                                       argument.substr(at + kImage.size()));
+        narrow.push_back(argument == kImage ? "/D:" + image : argument);
     }
     std::vector<std::wstring> wide;
     std::vector<char*> argv;
@@ -331,33 +310,27 @@ bool has(const std::string& text, const char* part) {
 }
 
 // A request the port driver refused never reached a drive, but its log line still shows the ATA
-// command it carried: CDB bytes 4 and 14 of an ATA PASS-THROUGH(16), or the current task file.
+// command it carried: CDB bytes 4 and 14 of an ATA PASS-THROUGH(16) (counted here after its
+// operation code 85), or bytes 0 and 6 of the current task file.
 bool ata_registers_of_request(const std::string& request, std::uint8_t& command,
                               std::uint8_t& features) {
-    const auto bytes_after = [&](const char* key, std::size_t count) {
-        std::vector<unsigned> values;
-        const std::size_t at = request.find(key);
-        if (at == std::string::npos) {
-            return values;
+    const struct {
+        const char* key;
+        std::size_t features, command;
+    } layouts[] = {{"cdb=85 ", 3, 13}, {"current=", 0, 6}};
+    for (const auto& layout : layouts) {
+        const std::size_t at = request.find(layout.key);
+        std::istringstream in(
+            at == std::string::npos ? "" : request.substr(at + std::strlen(layout.key)));
+        std::vector<unsigned> bytes;
+        for (unsigned value = 0; bytes.size() <= layout.command && in >> std::hex >> value;) {
+            bytes.push_back(value);
         }
-        std::istringstream in(request.substr(at + std::strlen(key)));
-        unsigned value = 0;
-        while (values.size() < count && in >> std::hex >> value) {
-            values.push_back(value);
+        if (bytes.size() > layout.command) {
+            features = static_cast<std::uint8_t>(bytes[layout.features]);
+            command = static_cast<std::uint8_t>(bytes[layout.command]);
+            return true;
         }
-        return values;
-    };
-    const std::vector<unsigned> cdb = bytes_after("cdb=", 16);
-    if (cdb.size() == 16 && cdb[0] == 0x85) {
-        features = static_cast<std::uint8_t>(cdb[4]);
-        command = static_cast<std::uint8_t>(cdb[14]);
-        return true;
-    }
-    const std::vector<unsigned> current = bytes_after("current=", 8);
-    if (current.size() == 8) {
-        features = static_cast<std::uint8_t>(current[0]);
-        command = static_cast<std::uint8_t>(current[6]);
-        return true;
     }
     return false;
 }
@@ -366,17 +339,14 @@ bool ata_registers_of_request(const std::string& request, std::uint8_t& command,
 // an injected fault never reaches a driver, an STP request with a spoiled ReturnCode never
 // reaches the drive).
 Stage stage_by_content(const sim::CallRecord& r) {
-    if (r.function == "CommandLineToArgvW") {
-        return Stage::Parse;
-    }
-    if (r.function == "CreateFileW") {
-        return Stage::Open;
-    }
-    if (r.function == "CloseHandle") {
-        return Stage::Close;
-    }
-    if (r.function == "Sleep") {
-        return Stage::Pause;
+    const std::pair<const char*, Stage> byFunction[] = {{"CommandLineToArgvW", Stage::Parse},
+                                                        {"CreateFileW", Stage::Open},
+                                                        {"CloseHandle", Stage::Close},
+                                                        {"Sleep", Stage::Pause}};
+    for (const auto& [function, stage] : byFunction) {
+        if (r.function == function) {
+            return stage;
+        }
     }
     if (r.injected) {
         return Stage::Unknown;
@@ -386,8 +356,8 @@ Stage stage_by_content(const sim::CallRecord& r) {
     if (!r.ata.empty()) {
         command = r.ata.front().command.command;
         features = r.ata.front().command.features;
-    } else if (!ata_registers_of_request(r.request, command, features)) {
-        command = 0;
+    } else {
+        ata_registers_of_request(r.request, command, features);
     }
     switch (command) {
     case 0:
@@ -456,25 +426,17 @@ Status command_status(Wire wire, const sim::CallRecord& r) {
 }
 
 Status step_status(Wire wire, Stage stage, const sim::CallRecord& r) {
-    switch (stage) {
-    case Stage::Open:
-        return r.succeeded ? Status::Success
-                           : (wire == Wire::Csmi ? Status::Failed : Status::NoDevice);
-    case Stage::Address:
-        return r.succeeded ? Status::Success : Status::NoDevice;
-    case Stage::Identify:
-    case Stage::ReadLog:
-    case Stage::Vendor:
-    case Stage::Transfer:
-    case Stage::Activate:
+    if (stage == Stage::Identify || stage == Stage::ReadLog || stage == Stage::Vendor ||
+        stage == Stage::Transfer || stage == Stage::Activate) {
         return command_status(wire, r);
-    case Stage::Config:
-    case Stage::DriverInfo:
-        // The scan judges these by the last error alone, which a successful request leaves as it
-        // was; only CreateFileW clears it.
-    default:
-        return r.succeeded ? Status::Success : Status::Failed;
     }
+    if (r.succeeded) {
+        // The scan judges the controller configuration and the driver information by the last
+        // error alone, which a successful request leaves as it was; only CreateFileW clears it.
+        return Status::Success;
+    }
+    const bool noDevice = stage == Stage::Address || (stage == Stage::Open && wire != Wire::Csmi);
+    return noDevice ? Status::NoDevice : Status::Failed;
 }
 
 // The steps of a run's log. reference maps sequence numbers to the stages of the run without a
@@ -509,31 +471,12 @@ std::vector<Step> steps_of(Wire wire, const std::vector<sim::CallRecord>& log,
     return steps;
 }
 
-std::map<std::uint64_t, Stage> stage_map(const std::vector<Step>& steps) {
-    std::map<std::uint64_t, Stage> map;
-    for (const Step& step : steps) {
-        map[step.sequence] = step.stage;
-    }
-    return map;
-}
-
 int exit_code_of(Status status) {
-    switch (status) {
-    case Status::Success:
-        return 0;
-    case Status::DeviceError:
-        return 1;
-    case Status::NoDevice:
-        return 2;
-    case Status::BadFirmwareFile:
-        return 4;
-    case Status::InterfaceNotSupported:
-        return 9;
-    case Status::CrcAbort:
-        return 5;
-    default:
-        return 10;
-    }
+    const std::map<Status, int> codes = {{Status::Success, 0},  {Status::DeviceError, 1},
+                                         {Status::NoDevice, 2}, {Status::BadFirmwareFile, 4},
+                                         {Status::CrcAbort, 5}, {Status::InterfaceNotSupported, 9}};
+    const auto found = codes.find(status);
+    return found != codes.end() ? found->second : 10;
 }
 
 // Walks the steps of a device run in the order the run driver makes its calls; the first step
@@ -606,10 +549,10 @@ int expected_device_exit(const Scenario& scenario, std::size_t transfersPerAttem
     Status status = Status::Success;
     // The adapter's limit is asked before a download through a physical drive; an answer that
     // the image exceeds ends the run, an unanswered query leaves it to the download.
-    if (scenario.download && !csmi && walk.next(Stage::AdapterQuery) && scenario.overLimit) {
+    if (scenario.download() && !csmi && walk.next(Stage::AdapterQuery) && scenario.overLimit) {
         return walk.close(Status::BadFirmwareFile);
     }
-    if (scenario.download) {
+    if (scenario.download()) {
         walk.next(Stage::Vendor);
         for (int attempt = 0;; ++attempt) {
             status = Status::Success;
@@ -618,7 +561,7 @@ int expected_device_exit(const Scenario& scenario, std::size_t transfersPerAttem
                 status = walk.status;
             }
             walk.next(Stage::Pause);
-            if (status == Status::Success || attempt >= scenario.retries) {
+            if (status == Status::Success || attempt >= scenario.retries()) {
                 break;
             }
         }
@@ -800,23 +743,19 @@ TEST_P(FaultSweep, EveryFaultEndsTheRunAsTheRunDriverSays) {
     const Scenario& scenario = GetParam();
     const RunResult clean = run(scenario, imagePath_, nullptr);
     const std::vector<Step> cleanSteps = steps_of(scenario.wire, clean.log, {});
+    // An over-limit run ends before its one command; the clean run shows the others'.
+    std::size_t transfersPerAttempt = scenario.overLimit ? 1 : 0;
+    bool paused = false;
+    std::map<std::uint64_t, Stage> reference;
     for (const Step& step : cleanSteps) {
         ASSERT_NE(step.stage, Stage::Unknown) << "call #" << step.sequence << " of the clean run";
+        reference[step.sequence] = step.stage;
+        paused = paused || step.stage == Stage::Pause;
+        transfersPerAttempt += !paused && step.stage == Stage::Transfer ? 1 : 0;
     }
-    std::size_t transfersPerAttempt = 0;
-    for (const Step& step : cleanSteps) {
-        if (step.stage == Stage::Pause) {
-            break;
-        }
-        transfersPerAttempt += step.stage == Stage::Transfer ? 1 : 0;
-    }
-    if (scenario.overLimit) {
-        transfersPerAttempt = 1; // the clean run ends before it; mode 0x07 sends one command
-    }
-    if (scenario.download) {
+    if (scenario.download()) {
         ASSERT_GT(transfersPerAttempt, 0u);
     }
-    const std::map<std::uint64_t, Stage> reference = stage_map(cleanSteps);
 
     std::size_t runs = 0;
     std::size_t failures = 0;
@@ -839,7 +778,7 @@ TEST_P(FaultSweep, EveryFaultEndsTheRunAsTheRunDriverSays) {
             problem = handle_problem(got.log);
         }
         const bool wentIn =
-            scenario.download && image_went_in(scenario, got.log, transfersPerAttempt);
+            scenario.download() && image_went_in(scenario, got.log, transfersPerAttempt);
         for (const auto& [drive, before] : got.revisionsBefore) {
             const bool changed = got.revisionsAfter.at(drive) != before;
             if (problem.empty() && changed != (drive == scenario.drive && wentIn)) {
