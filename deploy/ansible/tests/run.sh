@@ -332,6 +332,7 @@ abort_stops() {
   expect_summary h2 2 'not tried: the host stopped at \\.\PhysicalDrive1'
   expect_output 'CHECK CONDITION ERROR for CMD: 92'
   expect_output 'fatal: [h2]: FAILED!'
+  expect_summary h3 - 'not tried: the rollout stopped before its batch'
   expect_output '"\\\\.\\PhysicalDrive1: QSIM FLEET SSD H2D1: QF01 -> QF01, failed: the drive failed a command (exit code 1)",'
   expect_untouched h3
   expect_clean_hosts
@@ -397,6 +398,7 @@ unreachable_stops() {
   expect_summary h2 - 'could not be reached; the state of its drives is unknown'
   expect_updated h1 0
   expect_untouched h3
+  expect_summary h3 - 'not tried: the rollout stopped before its batch'
 }
 
 doubtful_input() {
