@@ -4,7 +4,8 @@
 # \\.\PhysicalDrive0, 1, ...: the role deploys quenmark-sim (through quenmark-sim-logged, which
 # keeps each run's arguments, times and call log) and each host's QUENMARK_SIM_MACHINE names its
 # own machine file, which holds the drives' firmware revisions from run to run. Discovery always
-# gets its candidates from quenmark_candidates: no test looks at a drive of this machine. Prints
+# gets its candidates from quenmark_candidates or from a folder of links the test makes: no test
+# looks at a drive of this machine. Prints
 # each scenario's result, the timing figures, and "N passed, N failed"; exits non-zero when a
 # scenario fails. Everything it makes stays in one temporary folder, removed at the end.
 set -uo pipefail
@@ -70,13 +71,16 @@ dev() { printf '\\\\.\\PhysicalDrive%s' "$1"; }
 #   same     a second name of the drive before it
 # HOW names the drives: device (quenmark_device, the host's one drive), devices (quenmark_devices,
 # a list of all of them) or discover (quenmark_devices: discover, quenmark_candidates all of
-# them). A HOST of KIND unreachable cannot be reached.
+# them). A HOST of KIND unreachable cannot be reached. The hosts named in $by_id_hosts are
+# discovered from a folder of disk links of their own, by-id-HOST, instead: their drives are
+# named ata-<model>_<serial> there, among the links of partitions and of other kinds of disks.
+by_id_hosts=
 fleet() {
   scenario_dir=$work/$1
   mkdir -p "$scenario_dir/host-tmp"
-  python3 - "$scenario_dir" "$work" "$here" "$remote_connection" "$@" <<'PYEOF'
+  python3 - "$scenario_dir" "$work" "$here" "$remote_connection" "$by_id_hosts" "$@" <<'PYEOF'
 import json, os, shutil, sys
-folder, work, here, remote, name, how, *members = sys.argv[1:]
+folder, work, here, remote, by_id_hosts, name, how, *members = sys.argv[1:]
 hosts = {}
 for member in members:
     host, kinds = member.split(":", 1)
@@ -86,6 +90,7 @@ for member in members:
                        "quenmark_device": "\\\\.\\PhysicalDrive0"}
         continue
     drives, disks, names = [], [], []
+    by_id = os.path.join(folder, "by-id-" + host) if host in by_id_hosts.split() else None
     for number, kind in enumerate(kinds.split(",")):
         path = "\\\\.\\PhysicalDrive%d" % number
         names.append(path)
@@ -104,6 +109,15 @@ for member in members:
         elif kind not in ("ok", "model", "current"):
             sys.exit("unknown drive kind " + kind)
         drives.append(drive)
+        if by_id:
+            # The drive's own link, then links that discovery must pass over: its partitions
+            # and other kinds of disks.
+            os.makedirs(by_id, exist_ok=True)
+            path = os.path.join(by_id, "ata-%s_%s" % (drive["model"].replace(" ", "_"), drive["serial"]))
+            for link in [path, path + "-part1", path + "-part12",
+                         os.path.join(by_id, "wwn-0x50000000000%05d" % number),
+                         os.path.join(by_id, "nvme-QSIM_NVME_%s%d" % (host, number))]:
+                os.symlink("../../sd" + "abcdefghijklmnop"[number], link)
         disks.append({"path": path, "drive": drive["id"]})
     machine = os.path.join(folder, host + ".json")
     with open(machine, "w") as out:
@@ -111,6 +125,7 @@ for member in members:
     shutil.copy(machine, machine + ".orig")
     hosts[host] = ({"quenmark_device": names[0]} if how == "device" else
                    {"quenmark_devices": names} if how == "devices" else
+                   {"quenmark_disks_by_id": by_id} if by_id else
                    {"quenmark_candidates": names})
 group = {
     "ansible_connection": "local",
@@ -269,11 +284,11 @@ all_updated() {
 }
 
 discover_model() {
-  # h1 has three drives, two of the image's model; h2 one of each, the other model first.
-  fleet discover_model discover h1:ok,model,ok h2:model,ok
+  # h1 has three drives, two of the image's model, and its candidates from the inventory; h2 one
+  # of each, the other model first, and lists its own links (in a folder of the test's).
+  by_id_hosts=h2 fleet discover_model discover h1:ok,model,ok h2:model,ok
   rollout -e quenmark_batch_size=2 "${model[@]}"
   expect_rc 0
-  expect_no_listing
   expect_updated h1 0
   expect_reports_only h1 1
   [ "$(runs h1 1 ' /i')" = 1 ] || problem "h1: drive 1 read $(runs h1 1 ' /i') times, expected once (discovery)"
@@ -282,8 +297,18 @@ discover_model() {
   expect_updated h1 2
   # A drive to update is read in discovery, just before its update and after it.
   [ "$(runs h1 2 ' /i')" = 3 ] || problem "h1: drive 2 read $(runs h1 2 ' /i') times, expected 3"
-  expect_reports_only h2 0
-  expect_updated h2 1
+  # h2's two whole-disk ATA links, and nothing else of its folder, are its candidates.
+  local links=$scenario_dir/by-id-h2
+  [ "$(grep -c '^== run: ' "$scenario_dir/h2.runs")" = 5 ] ||
+    problem "h2: $(grep -c '^== run: ' "$scenario_dir/h2.runs") runs of the tool, expected 5 (2 in discovery, 3 for one update)"
+  [ "$(summary h2 "$links/ata-QSIM_OTHER_SSD_H2D0")" = "QSIM OTHER SSD H2D0: QF01, skipped: the drive model is not QSIM FLEET SSD; the drive is left alone" ] ||
+    problem "h2: drive 0 not skipped for its model: '$(summary h2 "$links/ata-QSIM_OTHER_SSD_H2D0")'"
+  [ "$(summary h2 "$links/ata-QSIM_FLEET_SSD_H2D1")" = "QSIM FLEET SSD H2D1: QF01 -> QF02, updated" ] ||
+    problem "h2: drive 1 not updated: '$(summary h2 "$links/ata-QSIM_FLEET_SSD_H2D1")'"
+  [ "$(grep -c "^h2 " <(sed -n '/^QUENMARK SUMMARY/,$p' "$scenario_dir/out.txt"))" = 2 ] ||
+    problem "h2: the summary has other lines than its two drives"
+  expect_revision h2 1 QF02
+  expect_no_download h2 0
   expect_clean_hosts
 }
 
