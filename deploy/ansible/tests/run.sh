@@ -446,9 +446,25 @@ doubtful_input() {
   expect_untouched h1
   expect_untouched h2
   expect_clean_hosts
+  # An image that the tool cannot use: it refuses, and says why; the host stops.
+  host_vars h1 'quenmark_environment:' \
+    "  QUENMARK_SIM_MACHINE: $scenario_dir/h1.json" \
+    "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
+    "  QUENMARK_TEST_RUNS: $scenario_dir/h1.runs" \
+    "  QUENMARK_TEST_IMAGE_GONE: '1'"
+  rm -f "$scenario_dir/host_vars/h2.yml"
+  rollout -e quenmark_batch_size=2
+  expect_rc_failed
+  expect_summary h1 0 'QSIM FLEET SSD H1D0: QF01 -> QF01, failed: the tool said "File Open Failure: No such file or directory"; nothing was sent (exit code 4)'
+  expect_summary h1 1 'not tried: the host stopped at \\.\PhysicalDrive0'
+  expect_no_download h1 0
+  expect_not_run h1 1
+  expect_updated h2 0
+  expect_clean_hosts
   # A tool that cannot be started gives the shell's exit code, none of the tool's: the drive fails
   # and the rollout stops, where a "no such drive" would have skipped it.
-  rm -f "$scenario_dir/host_vars/h2.yml"
+  rm -f "$scenario_dir/host_vars/h1.yml" "$scenario_dir"/*.runs
+  cp "$scenario_dir/h2.json.orig" "$scenario_dir/h2.json"
   printf '#!/nonexistent/sh\n' >"$scenario_dir/broken-tool"
   chmod +x "$scenario_dir/broken-tool"
   rollout -e quenmark_batch_size=1 -e quenmark_binary="$scenario_dir/broken-tool"
@@ -548,7 +564,7 @@ for entry in \
   "check_mode|check mode reads the drive reports and changes nothing" \
   "discover_needs_model|discovery without a model updates nothing" \
   "unreachable_stops|a host that cannot be reached stops the rollout after its batch" \
-  "doubtful_input|a wrong image, a wrong drive list or a tool that cannot start stops the rollout" \
+  "doubtful_input|a wrong image, a wrong drive list, an image the tool refuses or a tool that cannot start stops the rollout" \
   "timing|8 hosts of 4 drives in batches of 4: the role's own time"; do
   name=${entry%%|*}
   if [ "$only" = "  " ] || [[ $only == *" $name "* ]]; then
