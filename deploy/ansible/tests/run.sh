@@ -419,7 +419,7 @@ unreachable_stops() {
   rollout -e quenmark_batch_size=2
   expect_rc_failed
   expect_output 'fatal: [h2]: UNREACHABLE!'
-  expect_output 'h2 could not be reached; the state of its drive is unknown'
+  expect_output 'h2 could not be reached; the state of its drives is unknown'
   expect_summary h2 - 'could not be reached; the state of its drives is unknown'
   expect_updated h1 0
   expect_untouched h3
