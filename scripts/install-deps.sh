@@ -7,7 +7,8 @@
 #   windows  the mingw-w64 cross compiler, and Wine to run the Windows build
 #   qemu     QEMU, Debian 12's kernel, a static busybox and kmod (the kernels' module lists)
 #   fuzz     clang and its fuzzer and sanitizer runtimes
-#   fleet    ansible-core
+#   fleet    ansible-core; for its VM suite debootstrap, the SSH client, QEMU and its disk tools,
+#            a static busybox and Debian 12's kernel (the VMs' initramfs and kernel)
 #   package  what cpack and the package tests use
 set -euo pipefail
 
@@ -18,7 +19,8 @@ declare -A group=(
   [windows]="g++-mingw-w64-x86-64 wine wine64"
   [qemu]="qemu-system-x86 linux-image-amd64 busybox-static cpio kmod"
   [fuzz]="clang libclang-rt-14-dev"
-  [fleet]="ansible-core"
+  [fleet]="ansible-core debootstrap openssh-client qemu-system-x86 qemu-utils busybox-static
+           linux-image-amd64 kmod"
   [package]="zip unzip dpkg-dev"
 )
 names=("$@")
