@@ -1,5 +1,8 @@
 """The rollout's summary: one line per drive, after the play recap."""
 
+import json
+import os
+
 from ansible.plugins.callback import CallbackBase
 
 DOCUMENTATION = '''
@@ -11,7 +14,9 @@ DOCUMENTATION = '''
         under its set_stats key quenmark, with the host, the device, the model, the serial number,
         the revision before and after, and the result with its reason. A host without a record
         could not be reached, failed before any drive was read, or was never reached because the
-        rollout stopped before its batch.
+        rollout stopped before its batch. The working folders that earlier, interrupted runs left
+        on a host follow its drives. With the environment variable QUENMARK_SUMMARY_JSON set to
+        a file name, the same records are also written there as one JSON document, for scripts.
     requirements:
       - enabled in callbacks_enabled (ansible.cfg of this folder)
 '''
@@ -41,8 +46,10 @@ class CallbackModule(CallbackBase):
 
     def v2_playbook_on_stats(self, stats):
         rows = []
+        document = {}
         for host in sorted(set(stats.processed) | set(self._play_hosts)):
             drives = stats.custom.get(host, {}).get('quenmark')
+            leftovers = stats.custom.get(host, {}).get('quenmark_leftovers') or []
             if drives is None:
                 if stats.dark.get(host):
                     rows.append((host, '-', 'could not be reached; the state of its drives is unknown'))
@@ -54,6 +61,13 @@ class CallbackModule(CallbackBase):
                 rows.append((host, '-', 'no candidate drive was found'))
             else:
                 rows.extend((host, drive.get('device') or '-', drive.get('summary', '')) for drive in drives)
+            rows.extend((host, '-', leftover.get('summary', '')) for leftover in leftovers)
+            document[host] = {'drives': drives, 'leftovers': leftovers,
+                              'state': rows[-1][2] if drives is None and rows and rows[-1][0] == host else ''}
+        path = os.environ.get('QUENMARK_SUMMARY_JSON')
+        if path:
+            with open(path, 'w') as out:
+                json.dump(document, out, indent=1)
         if not rows:
             return
         host_width = max(len(row[0]) for row in rows)
