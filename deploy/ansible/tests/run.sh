@@ -384,6 +384,21 @@ PYEOF
   expect_updated h3 0
 }
 
+order() {
+  # Each host updates its drives in its own order, whatever places they have in its plan: h1's
+  # first drive is current, so its first update is its second drive, h2's second update.
+  fleet order devices h1:current,ok,ok h2:ok,abort,ok
+  rollout -e quenmark_batch_size=2 -e quenmark_target_revision=QF02
+  expect_rc_failed
+  expect_summary h1 0 "QSIM FLEET SSD H1D0: QF02, current: the drive already runs QF02"
+  expect_updated h1 1
+  expect_updated h1 2
+  expect_updated h2 0
+  expect_summary h2 1 "QSIM FLEET SSD H2D1: QF01 -> QF01, failed: the drive failed a command (exit code 1)"
+  expect_summary h2 2 'QSIM FLEET SSD H2D2: QF01, not tried: the host stopped at \\.\PhysicalDrive1'
+  expect_reports_only h2 2
+}
+
 check_mode() {
   fleet check_mode discover h1:ok,sec4,model h2:current,ok
   rollout --check -e quenmark_batch_size=2 -e quenmark_target_revision=QF02 "${model[@]}"
@@ -563,6 +578,7 @@ for entry in \
   "discover_model|discovery updates the drives of the image's model and leaves the others alone" \
   "left_alone|a locked drive, another model, a missing drive and a second name of a drive are left alone; their neighbours are updated" \
   "abort_stops|an aborted drive stops its host and the rollout; a rerun updates only what is left" \
+  "order|each host updates its drives in its own order" \
   "check_mode|check mode reads the drive reports and changes nothing" \
   "discover_needs_model|discovery without a model updates nothing" \
   "unreachable_stops|a host that cannot be reached stops the rollout after its batch" \
