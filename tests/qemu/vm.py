@@ -282,9 +282,9 @@ class VM:
     or restores its network, stop() ends it. Its files live in folder."""
 
     def __init__(self, name, folder, rootfs, kern, drives, public_key, qemu="qemu-system-x86_64",
-                 resolvable=True, memory=MEMORY_MIB):
+                 qemu_args=(), resolvable=True, memory=MEMORY_MIB):
         self.name, self.folder, self.rootfs, self.kernel = name, folder, rootfs, kern
-        self.drives, self.public_key, self.qemu = drives, public_key, qemu
+        self.drives, self.public_key, self.qemu, self.qemu_args = drives, public_key, qemu, list(qemu_args)
         self.resolvable, self.memory = resolvable, memory
         self.port = None
         self.process = None
@@ -301,8 +301,8 @@ class VM:
         append = ("console=ttyS0 rw quiet mitigations=off net.ifnames=0 "
                   "systemd.show_status=0 quenmark.host=%s quenmark.key=%s quenmark.resolvable=%d"
                   % (self.name, key, 1 if self.resolvable else 0))
-        command = [
-            self.qemu, "-machine", "pc", "-accel", "tcg", "-m", str(self.memory), "-smp", "1",
+        command = [self.qemu] + self.qemu_args + [
+            "-machine", "pc", "-accel", "tcg", "-m", str(self.memory), "-smp", "1",
             "-nodefaults", "-display", "none", "-no-reboot",
             "-kernel", self.kernel.image, "-initrd", initramfs(self.kernel), "-append", append,
             "-serial", "file:" + self.console,
@@ -405,6 +405,8 @@ def main():
     boot = sub.add_parser("boot")
     boot.add_argument("--kernel", choices=qemu_suite.KERNELS, default="6.1")
     boot.add_argument("--qemu", default="qemu-system-x86_64")
+    boot.add_argument("--qemu-arg", action="append", default=[],
+                      help="a further argument for QEMU (-L FOLDER for a build without its firmware)")
     options = parser.parse_args()
     rootfs = root_fs()
     if options.what == "rootfs":
@@ -416,7 +418,8 @@ def main():
         image = os.path.join(folder, "drive%d.img" % n)
         make_disk(image, 8, "drive%d" % n)
         drives.append(Drive(image, "QUENMARK VM DRIVE", "QVM%04d" % n, "QV01"))
-    vm = VM("vm1", folder, rootfs, kernel(options.kernel), drives, public, qemu=options.qemu)
+    vm = VM("vm1", folder, rootfs, kernel(options.kernel), drives, public, qemu=options.qemu,
+            qemu_args=options.qemu_arg)
     vm.start()
     ssh_files(folder, rootfs, [vm])
     print("up after %.1f s: ssh -i %s -o UserKnownHostsFile=%s/known_hosts -p %d %s@127.0.0.1"
