@@ -15,7 +15,9 @@ Kernels:
 A case is a folder of tests/qemu/expected:
   args          one argument per line (UTF-8), without the program name
   program       run this program of the VM's /bin instead of quenmark (optional):
-                quenmark-sense-capture, which prints the sense data each kernel writes back
+                quenmark-sense-capture, which prints the sense data each kernel writes back,
+                hdparm (Debian's, with its libraries), or sh with args /cases/CASE/script
+  script        a shell script the VM gets beside args (optional)
   user          run as this user (nobody) instead of root (optional)
   hold          run in the background and start the next case this many seconds later; the
                 two then overlap (optional)
@@ -41,7 +43,8 @@ Usage: qemu_suite.py --exe build/linux/quenmark --capture build/linux/tests/quen
 (QS_IMAGES) into the VM's working folder. --cases takes the cases from DIR instead of
 tests/qemu/expected; --collect copies what each run returned (stdout, stderr, exit, trace,
 seconds) into DIR/KERNEL/CASE, for cases that record rather than compare (a case without an
-expected exit file is then not failed).
+expected exit file is then not failed), and --qemu-trace PATTERN QEMU's trace events of that
+pattern into DIR/KERNEL/qemu-trace-DISK.log. tests/qemu/measure holds such cases.
 Device names in the VM are fixed by the order in which the drivers are loaded: /dev/sda (with
 one partition, /dev/sda1) and /dev/sg0 are the AHCI disk, /dev/sr0 and /dev/sg1 the CD-ROM,
 /dev/sdb and /dev/sg2 the SCSI disk.
@@ -88,10 +91,25 @@ QS_IMAGES = [
     ("qs-70000-f.bin", "QMF70000", 70000, None),
     ("qs-70000-g.bin", "QMG70000", 70000, None),
     ("qs-70000-h.bin", "QMH70000", 70000, None),
+    ("qs-70000-i.bin", "QMI70000", 70000, None),
+    ("qs-70000-j.bin", "QMJ70000", 70000, None),
+    ("qs-70000-k.bin", "QMK70000", 70000, None),
+    ("qs-70000-l.bin", "QML70000", 70000, None),
+    ("qs-70000-m.bin", "QMM70000", 70000, None),
     ("qs-65536-a.bin", "QMA65536", 65536, None),
     ("qs-65536-b.bin", "QMB65536", 65536, None),
     ("qs-65536-c.bin", "QMC65536", 65536, None),
     ("qs-65536-d.bin", "QMD65536", 65536, None),
+    ("qs-65536-e.bin", "QME65536", 65536, None),
+    ("qs-65536-f.bin", "QMF65536", 65536, None),
+    ("qs-65536-g.bin", "QMG65536", 65536, None),
+    ("qs-65536-h.bin", "QMH65536", 65536, None),
+    ("qs-65536-i.bin", "QMI65536", 65536, None),
+    ("qs-65536-j.bin", "QMJ65536", 65536, None),
+    ("qs-65536-k.bin", "QMK65536", 65536, None),
+    ("qs-65536-l.bin", "QML65536", 65536, None),
+    ("qs-65536-m.bin", "QMM65536", 65536, None),
+    ("qs-65536-badcrc.bin", "QMBADCRC", 65536, "--bad-crc"),
     ("qs-131072-a.bin", "QMA131K", 131072, None),
     ("qs-70000-badcrc.bin", "QMBADCRC", 70000, "--bad-crc"),
     ("qs-70000-badmagic.bin", "QMBADMAG", 70000, "--bad-magic"),
@@ -382,7 +400,7 @@ def build_initramfs(exe, capture, modules, cases, image_tool=None):
         archive.file(target, data, mode)
     for case in cases:
         archive.directory("cases/" + case)
-        for item in ("args", "program", "user", "hold"):
+        for item in ("args", "program", "user", "hold", "script"):
             path = os.path.join(EXPECTED, case, item)
             if os.path.exists(path):
                 with open(path, "rb") as f:
@@ -392,6 +410,7 @@ def build_initramfs(exe, capture, modules, cases, image_tool=None):
 
 
 QEMU = "qemu-system-x86_64"
+QEMU_TRACE = None
 
 
 def run_vm(kernel, initramfs, work, disk=""):
@@ -425,6 +444,8 @@ def run_vm(kernel, initramfs, work, disk=""):
     if QEMU != "qemu-system-x86_64":
         # A QEMU run from its build tree finds Debian's firmware only when told where it is.
         command += ["-L", "/usr/share/seabios", "-L", "/usr/share/qemu"]
+    if QEMU_TRACE:
+        command += ["-trace", "enable=%s,file=%s" % (QEMU_TRACE, os.path.join(work, "qemu-trace.log"))]
     started = time.monotonic()
     vm = subprocess.Popen(command, stdin=subprocess.DEVNULL)
     came_up = None
@@ -571,6 +592,10 @@ def run_disk(kernel, options, cases, disk):
         ", disk " + disk if disk else ""))
     archive, elapsed, console = run_vm(kernel.image, initramfs, work, disk)
     print("VM %s: ran every case and powered off after %.1f s" % (kernel.label, elapsed))
+    if options.collect and QEMU_TRACE:
+        os.makedirs(os.path.join(options.collect, kernel.label), exist_ok=True)
+        shutil.copyfile(os.path.join(work, "qemu-trace.log"), os.path.join(
+            options.collect, kernel.label, "qemu-trace-%s.log" % (disk or "default")))
 
     def got(case, name):
         try:
@@ -643,17 +668,20 @@ def main():
     parser.add_argument("--cases", dest="cases_dir",
                         help="the folder of cases (default: tests/qemu/expected)")
     parser.add_argument("--collect", help="copy what each case returned into this folder")
+    parser.add_argument("--qemu-trace", help="QEMU trace events to record (a pattern), copied "
+                        "beside the collected results")
     parser.add_argument("cases", nargs="*")
     options = parser.parse_args()
     for program in (options.exe, options.capture):
         if not os.access(program, os.X_OK):
             fail("no executable " + program)
 
-    global EXPECTED, QEMU
+    global EXPECTED, QEMU, QEMU_TRACE
     if options.cases_dir:
         EXPECTED = os.path.abspath(options.cases_dir)
     if options.qemu:
         QEMU = os.path.abspath(options.qemu)
+    QEMU_TRACE = options.qemu_trace
     begun = time.monotonic()
     cases = find_cases(options.cases)
     labels = KERNELS if options.kernel == "all" else (options.kernel,)
