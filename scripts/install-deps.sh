@@ -5,7 +5,8 @@
 #   sim      building quenmark-sim alone (the demo)
 #   build    every preset's build and the unit tests: the sim group, GoogleTest, Google Benchmark
 #   windows  the mingw-w64 cross compiler, and Wine to run the Windows build
-#   qemu     QEMU, Debian 12's kernel, a static busybox and kmod (the kernels' module lists)
+#   qemu     QEMU, Debian 12's kernel, a static busybox, kmod (the kernels' module lists),
+#            hdparm (a peer in the VM) and what building QEMU with its download-capable disk needs
 #   fuzz     clang and its fuzzer and sanitizer runtimes
 #   fleet    ansible-core; for its VM suite debootstrap, the SSH client, QEMU and its disk tools,
 #            a static busybox and Debian 12's kernel (the VMs' initramfs and kernel)
@@ -17,7 +18,9 @@ declare -A group=(
   [build]="cmake ninja-build g++ make python3 clang-format nlohmann-json3-dev
            googletest libgtest-dev libgmock-dev libbenchmark-dev"
   [windows]="g++-mingw-w64-x86-64 wine wine64"
-  [qemu]="qemu-system-x86 linux-image-amd64 busybox-static cpio kmod"
+  [qemu]="qemu-system-x86 linux-image-amd64 busybox-static cpio kmod hdparm
+        dpkg-dev meson ninja-build pkgconf python3 libglib2.0-dev libpixman-1-dev
+        libslirp-dev libfdt-dev zlib1g-dev"
   [fuzz]="clang libclang-rt-14-dev"
   [fleet]="ansible-core debootstrap openssh-client qemu-system-x86 qemu-utils busybox-static
            linux-image-amd64 kmod"
