@@ -69,6 +69,7 @@ dev() { printf '\\\\.\\PhysicalDrive%s' "$1"; }
 #   current  already running QF02
 #   absent   no disk behind that number
 #   same     a second name of the drive before it
+#   held     another run holds it: the drive cannot be opened (sharing violation, error 32)
 # HOW names the drives: device (quenmark_device, the host's one drive), devices (quenmark_devices,
 # a list of all of them) or discover (quenmark_devices: discover, quenmark_candidates all of
 # them). A HOST of KIND unreachable cannot be reached. The hosts named in $by_id_hosts are
@@ -89,7 +90,7 @@ for member in members:
         hosts[host] = {"ansible_connection": remote, "ansible_host": "127.0.0.1", "ansible_port": 9,
                        "quenmark_device": "\\\\.\\PhysicalDrive0"}
         continue
-    drives, disks, names = [], [], []
+    drives, disks, names, faults = [], [], [], None
     by_id = os.path.join(folder, "by-id-" + host) if host in by_id_hosts.split() else None
     for number, kind in enumerate(kinds.split(",")):
         path = "\\\\.\\PhysicalDrive%d" % number
@@ -104,9 +105,12 @@ for member in members:
                  "firmware": "QF02" if kind == "current" else "QF01"}
         if kind == "sec4":
             drive["words"] = {"128": "0x0007"}
+        elif kind == "held":
+            # The simulated machine fails every CreateFileW: a host with one drive.
+            faults = {"calls": [{"function": "CreateFileW", "error": 32}]}
         elif kind in ("abort", "retry"):
             drive["failDownload"] = 1 if kind == "abort" else 2
-        elif kind not in ("ok", "model", "current"):
+        elif kind not in ("ok", "model", "current", "held"):
             sys.exit("unknown drive kind " + kind)
         drives.append(drive)
         if by_id:
@@ -121,7 +125,7 @@ for member in members:
         disks.append({"path": path, "drive": drive["id"]})
     machine = os.path.join(folder, host + ".json")
     with open(machine, "w") as out:
-        json.dump({"drives": drives, "disks": disks}, out, indent=1)
+        json.dump(dict({"drives": drives, "disks": disks}, **({"faults": faults} if faults else {})), out, indent=1)
     shutil.copy(machine, machine + ".orig")
     hosts[host] = ({"quenmark_device": names[0]} if how == "device" else
                    {"quenmark_devices": names} if how == "devices" else
@@ -184,18 +188,21 @@ runs() {
 }
 # downloads HOST N: how many DOWNLOAD MICROCODE commands reached drive dN of HOST.
 downloads() { grep -c "| ata d$2 DOWNLOAD MICROCODE" "$scenario_dir/$1.runs" 2>/dev/null; }
-# summary HOST DEVICE: the drive's line of the rollout's summary, without the host and device.
+# summary HOST DEVICE: the drive's line of the rollout's summary, without the host and device
+# (several lines, such as a host's own, joined by " | ").
 summary() {
   python3 - "$scenario_dir/out.txt" "$1" "$2" <<'PYEOF'
 import sys
 lines = open(sys.argv[1]).read().splitlines()
 start = [n for n, line in enumerate(lines) if line.startswith("QUENMARK SUMMARY ")]
+found = []
 for line in lines[start[-1] + 1:] if start else []:
     if not line.strip():
         break
     host, device, text = line.split(None, 2)
     if (host, device) == (sys.argv[2], sys.argv[3]):
-        print(text)
+        found.append(text)
+print(" | ".join(found))
 PYEOF
 }
 
@@ -399,6 +406,58 @@ order() {
   expect_reports_only h2 2
 }
 
+interrupted() {
+  # Runs cut off earlier left working folders on h1: one that no run uses (removed and
+  # reported) and one whose step still holds its lock (kept). h2's drive is held by another
+  # run: busy, not "no such drive". h3's update outlasts the role's wait (a margin of 0 and /t 1
+  # give 3 s): its state is unknown and its working folder stays while the run goes on; once it
+  # has ended, a rerun removes the folder and finds the drive current. h4's update is
+  # interrupted: the tool's own line is the reason.
+  fleet interrupted devices h1:ok h2:held h3:ok h4:ok
+  local tmp=$scenario_dir/host-tmp
+  mkdir -p "$tmp/h1/quenmark.idle01" "$tmp/h1/quenmark.held01/step-0"
+  : >"$tmp/h1/quenmark.idle01/quenmark"
+  printf '%s\n' "$(dev 0)" >"$tmp/h1/quenmark.held01/step-0/drive"
+  # A process that holds the step's lock, as a run's step does until its last run has ended.
+  (
+    exec 9>"$tmp/h1/quenmark.held01/step-0/lock"
+    flock 9
+    exec sleep 60
+  ) &
+  local holder=$!
+  while flock -n "$tmp/h1/quenmark.held01/step-0/lock" true; do sleep 0.05; done
+  host_vars h3 'quenmark_run_margin: 0' 'quenmark_timeout: 1' 'quenmark_environment:' \
+    "  QUENMARK_SIM_MACHINE: $scenario_dir/h3.json" "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
+    "  QUENMARK_TEST_RUNS: $scenario_dir/h3.runs" "  QUENMARK_TEST_SLEEP: '6'"
+  host_vars h4 'quenmark_environment:' \
+    "  QUENMARK_SIM_MACHINE: $scenario_dir/h4.json" "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
+    "  QUENMARK_TEST_RUNS: $scenario_dir/h4.runs" "  QUENMARK_TEST_INTERRUPT: 'Interrupted: nothing more was sent; the drive runs QF01'"
+  rollout -e quenmark_batch_size=4 -e quenmark_target_revision=QF02
+  expect_rc_failed
+  expect_updated h1 0
+  expect_summary h1 - "working folder $tmp/h1/quenmark.held01 of an earlier run, kept: a run still works in it | working folder $tmp/h1/quenmark.idle01 of an earlier run, removed: no run used it"
+  [ ! -e "$tmp/h1/quenmark.idle01" ] || problem "h1: the idle leftover is still there"
+  [ -e "$tmp/h1/quenmark.held01" ] || problem "h1: the leftover in use was removed"
+  kill "$holder" 2>/dev/null
+  wait "$holder" 2>/dev/null
+  expect_summary h2 0 'busy: a run is still in progress'
+  expect_no_download h2 0
+  expect_summary h3 0 "QSIM FLEET SSD H3D0: QF01, unknown: the tool's run did not end within 3 s; it goes on on the host and the drive's state is unknown until it ends"
+  [ -n "$(ls -d "$tmp"/h3/quenmark.* 2>/dev/null)" ] || problem "h3: the working folder of the run that goes on was removed"
+  expect_summary h4 0 'QSIM FLEET SSD H4D0: QF01 -> QF01, failed: the tool said "Interrupted: nothing more was sent; the drive runs QF01" (exit code 3)'
+  # Once h3's run has ended, a rerun finds its drive updated and removes the folder; h1's
+  # folder that was in use is removed too.
+  sleep 6
+  rm -f "$scenario_dir/host_vars/h3.yml" "$scenario_dir/host_vars/h4.yml"
+  cp "$scenario_dir/h4.json.orig" "$scenario_dir/h4.json"
+  rollout -e quenmark_batch_size=4 -e quenmark_target_revision=QF02 --limit h1,h3
+  expect_rc 0
+  expect_summary h1 - "working folder $tmp/h1/quenmark.held01 of an earlier run, removed: no run used it"
+  expect_summary h3 0 "QSIM FLEET SSD H3D0: QF02, current: the drive already runs QF02"
+  grep -q "of an earlier run, removed: no run used it" <(summary h3 -) || problem "h3: the folder of the earlier run was not removed"
+  expect_clean_hosts
+}
+
 check_mode() {
   fleet check_mode discover h1:ok,sec4,model h2:current,ok
   rollout --check -e quenmark_batch_size=2 -e quenmark_target_revision=QF02 "${model[@]}"
@@ -579,6 +638,7 @@ for entry in \
   "left_alone|a locked drive, another model, a missing drive and a second name of a drive are left alone; their neighbours are updated" \
   "abort_stops|an aborted drive stops its host and the rollout; a rerun updates only what is left" \
   "order|each host updates its drives in its own order" \
+  "interrupted|leftovers of interrupted runs, a drive another run holds, a run that outlasts the wait, an interrupted update" \
   "check_mode|check mode reads the drive reports and changes nothing" \
   "discover_needs_model|discovery without a model updates nothing" \
   "unreachable_stops|a host that cannot be reached stops the rollout after its batch" \
