@@ -313,7 +313,8 @@ class VM:
             "-device", "scsi-hd,drive=root,bus=vscsi.0,serial=root",
             "-device", "ahci,id=ahci",
             "-netdev", "user,id=net0,restrict=on,hostfwd=tcp:127.0.0.1:%d-:22" % self.port,
-            "-device", "virtio-net-pci,netdev=net0",
+            # No option ROM: the VM boots the kernel it is given, never from the network.
+            "-device", "virtio-net-pci,netdev=net0,romfile=",
         ]
         # One port of the AHCI controller per drive (six ports).
         for number, drive in enumerate(self.drives):

@@ -63,6 +63,7 @@ class CallbackModule(CallbackBase):
                 rows.extend((host, drive.get('device') or '-', drive.get('summary', '')) for drive in drives)
             rows.extend((host, '-', leftover.get('summary', '')) for leftover in leftovers)
             document[host] = {'drives': drives, 'leftovers': leftovers,
+                              'survey_seconds': stats.custom.get(host, {}).get('quenmark_survey_seconds', 0),
                               'state': rows[-1][2] if drives is None and rows and rows[-1][0] == host else ''}
         path = os.environ.get('QUENMARK_SUMMARY_JSON')
         if path:

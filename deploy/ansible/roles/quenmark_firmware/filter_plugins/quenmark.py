@@ -1,6 +1,6 @@
 """Filters of the role quenmark_firmware. They run on the controller: what a run of the tool said,
 what the role decides for each drive and how it judges an update, the records that the host side
-(files/quenmark-host) prints, the bundle that carries the tool and the image to a Linux host, and
+(files/quenmark_host.py) prints, the bundle that carries the tool and the image to a Linux host, and
 the firmware image as the controller sees it.
 
 Everything the role reads from the tool's output goes through run_report() and said(); a machine
@@ -107,7 +107,7 @@ def _field(text):
 
 
 def records(result):
-    """The records of a run of files/quenmark-host, from a registered result of script or raw:
+    """The records of a run of files/quenmark_host.py, from a registered result of script or raw:
     its lines QUENMARK-..., wherever they arrived (merged with standard error under a terminal,
     with CRLF, or beside other writers' lines), each field decoded."""
     found = {'runs': {}, 'leftovers': [], 'removed': [], 'workdir': '', 'error': '', 'step': '',
@@ -265,7 +265,7 @@ def quenmark_plan(staged, settings, devices=None):
 
 
 def quenmark_step(result, drive, settings):
-    """The outcome of one drive's update step on a Linux host (files/quenmark-host drive): its
+    """The outcome of one drive's update step on a Linux host (files/quenmark_host.py drive): its
     runs before, for and after the update, and how its run ended."""
     found = records(result)
     runs = found['runs']
@@ -277,9 +277,14 @@ def quenmark_step(result, drive, settings):
     last = [r for r in (update, runs.get('after'), runs.get('before')) if r]
     output = _lines(last[0].get('stdout')) + _lines(last[0].get('stderr')) if last else []
     known = before if before is not None and before['identified'] else drive['survey']
-    if found['step'] == 'pending' or (result or {}).get('timedout'):
+    if found['step'] == 'pending':
         outcome = {'result': 'unknown', 'reason': "the tool's run did not end within %s s; it goes on on the host and the "
                    "drive's state is unknown until it ends" % limit}
+    elif (result or {}).get('timedout'):
+        outcome = {'result': 'unknown', 'reason': "the host gave no answer within %s s; the drive's state is unknown"
+                   % (int(limit) + 60)}
+    elif not found['end'] and (result or {}).get('failed'):
+        outcome = {'result': 'unknown', 'reason': "the connection failed during the update; the drive's state is unknown"}
     elif found['error']:
         outcome = {'result': 'failed', 'reason': 'the update could not be run: %s' % found['error']}
     elif found['step'] != 'done' or before is None or (update is not None and after is None):
@@ -426,7 +431,7 @@ def quenmark_file(path, checksum=False):
     return info
 
 
-HOST_SIDE = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'files', 'quenmark-host')
+HOST_SIDE = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'files', 'quenmark_host.py')
 
 # The bundle: a shell script that makes the working folder, unpacks the archive appended to it
 # (the tool, the role's host side and the image) and starts the host side's stage. Offsets are
@@ -437,13 +442,14 @@ _BUNDLE_HEADER = '''#!/bin/sh
 set -u
 umask 077
 failed() {{ printf 'QUENMARK-ERROR %s\\nQUENMARK-END\\n' "$(printf '%s' "$1" | base64 -w0)"; exit 0; }}
+command -v python3 >/dev/null || failed "python3 is missing on the host"
 base=${{1:-}}
 [ -n "$base" ] || base=${{TMPDIR:-/tmp}}
 shift
 workdir=$(mktemp -d "$base/quenmark.XXXXXX") || failed "no working folder could be made in $base"
 tail -c +{offset:012d} "$0" | tar -x -f - --no-same-owner -C "$workdir" ||
     {{ rm -rf "$workdir"; failed "the archive did not unpack into $workdir"; }}
-exec /bin/sh "$workdir/quenmark-host" stage "$workdir" "$@"
+exec python3 -S "$workdir/quenmark_host.py" stage "$workdir" "$@"
 '''
 
 
@@ -483,7 +489,7 @@ def quenmark_bundle(tool, image=''):
             member = tarfile.TarInfo(name)
             member.size, member.mode, member.mtime = len(data), mode, int(time.time())
             tar.addfile(member, io.BytesIO(data))
-        add('quenmark-host', host_side, 0o700)
+        add('quenmark_host.py', host_side, 0o600)
         with open(tool, 'rb') as f:
             add('quenmark', f.read(), 0o700)
         if image:

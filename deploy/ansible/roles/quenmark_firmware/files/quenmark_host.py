@@ -1,0 +1,300 @@
+"""The role's side on a Linux host (Python 3.5 or later, standard library only), in the working
+folder next to the tool and the image. It runs the tool and prints what each run said as records
+on standard output, one line each, whatever else shares the connection's streams (a terminal's
+CRLF, sudo's warnings, ssh's notices):
+
+  QUENMARK-RUN <name> <exit code> <start ns> <end ns> <drive> <stdout> <stderr>
+  QUENMARK-LEFTOVER <folder> <running|idle> <drives its runs named>
+  QUENMARK-STAGED <working folder>        QUENMARK-STEP <done|unfinished|pending>
+  QUENMARK-REMOVED <folder>               QUENMARK-ERROR <message>
+  QUENMARK-END
+
+Every field but the numbers is base64 ("-" when empty). The commands:
+
+  stage WORKDIR TOOL_SHA256 IMAGE_SHA256|- VERBOSE DISCOVER BY_ID [DRIVE...]
+      once the bundle has unpacked the tool as WORKDIR/quenmark and the image into WORKDIR/image/:
+      checks both, lists the working folders that earlier runs left beside this one, lists the
+      candidate drives (DISCOVER=1 without DRIVEs: the whole-disk links ata-* of BY_ID) and reads
+      each drive's report (/i).
+  drive WORKDIR STEP LIMIT VERBOSE MODEL SERIAL REVISION [NAME=VALUE...] -- DRIVE ARGUMENT...
+      one drive's update (run-step), detached from the connection: a service of its own under
+      systemd, else a session of its own. Waits for it up to LIMIT seconds, prints its runs.
+  finish WORKDIR [LEFTOVER...]
+      removes the working folder and the leftover folders named, unless a run still uses one.
+
+Every process a host starts costs time (tens of milliseconds in a small VM), so everything but
+the tool runs in this one interpreter."""
+
+import base64
+import errno
+import fcntl
+import glob
+import hashlib
+import os
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+HERE = os.path.abspath(__file__)
+
+
+def text(value):
+    if isinstance(value, str):
+        value = value.encode('utf-8', 'surrogateescape')
+    return base64.b64encode(value).decode('ascii') if value else '-'
+
+
+def read(path):
+    try:
+        with open(path, 'rb') as f:
+            return f.read()
+    except (IOError, OSError):
+        return b''
+
+
+def say(line):
+    sys.stdout.write(line + '\n')
+    sys.stdout.flush()
+
+
+def error(message):
+    say('QUENMARK-ERROR %s' % text(message))
+    say('QUENMARK-END')
+    sys.exit(0)
+
+
+def now():
+    return int(time.time() * 1e9)
+
+
+def run(name, folder, drive, command, environment=None, keep_fds=()):
+    """One run: its output and exit code kept in FOLDER/NAME.*, the exit code last, with the run's
+    start and end."""
+    start = now()
+    with open(os.path.join(folder, name + '.out'), 'wb') as out, \
+            open(os.path.join(folder, name + '.err'), 'wb') as err, open(os.devnull, 'rb') as null:
+        try:
+            code = subprocess.call(command, stdin=null, stdout=out, stderr=err, env=environment,
+                                   pass_fds=keep_fds)
+        except OSError as failure:
+            err.write(('%s: %s\n' % (command[0], failure.strerror)).encode())
+            code = 126 if failure.errno == errno.EACCES else 127
+    if code < 0:
+        code = 128 - code
+    with open(os.path.join(folder, name + '.drive'), 'wb') as f:
+        f.write(drive.encode('utf-8', 'surrogateescape'))
+    partial = os.path.join(folder, name + '.rc.partial')
+    with open(partial, 'w') as f:
+        f.write('%d %d %d\n' % (code, start, now()))
+    os.rename(partial, os.path.join(folder, name + '.rc'))
+
+
+def record(name, folder):
+    """The QUENMARK-RUN line of a run that ended."""
+    fields = read(os.path.join(folder, name + '.rc')).split()
+    if len(fields) != 3:
+        return
+    code, start, end = (int(x) for x in fields)
+    say('QUENMARK-RUN %s %d %d %d %s %s %s' % (name, code, start, end, text(read(os.path.join(folder, name + '.drive'))),
+                                               text(read(os.path.join(folder, name + '.out'))),
+                                               text(read(os.path.join(folder, name + '.err')))))
+
+
+def report_field(name, output):
+    """A field of a drive report (MN, SN or FW), as the tool printed it."""
+    match = re.search(br'^  ' + name.encode() + br': (.*?)\r?$', output, re.M)
+    return match.group(1).decode('utf-8', 'surrogateescape') if match else None
+
+
+def held(path):
+    """Whether a lock file is held by a process."""
+    try:
+        fd = os.open(path, os.O_RDONLY)
+    except OSError:
+        return False
+    try:
+        fcntl.flock(fd, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        return False
+    except OSError:
+        return True
+    finally:
+        os.close(fd)
+
+
+def in_use(folder):
+    """Whether a run of a working folder still goes on: a step holds its lock, or a process runs a
+    program of the folder (the tool of a run from before the steps had locks)."""
+    if any(held(lock) for lock in glob.glob(os.path.join(glob.escape(folder), 'step-*', 'lock'))):
+        return True
+    prefix = folder.rstrip('/') + '/'
+    for pid in os.listdir('/proc'):
+        if pid.isdigit():
+            try:
+                if os.readlink('/proc/%s/exe' % pid).startswith(prefix):
+                    return True
+            except OSError:
+                continue
+    return False
+
+
+def sha256(paths):
+    digest = hashlib.sha256()
+    for path in paths:
+        with open(path, 'rb') as f:
+            for block in iter(lambda: f.read(1 << 20), b''):
+                digest.update(block)
+    return digest.hexdigest()
+
+
+def stage(workdir, tool_sha, image_sha, verbose, discover, by_id, *drives):
+    tool = os.path.join(workdir, 'quenmark')
+    if sha256([tool]) != tool_sha:
+        shutil.rmtree(workdir, ignore_errors=True)
+        error('the tool arrived damaged on the host (its SHA-256 differs); nothing was run')
+    if image_sha != '-' and sha256(sorted(glob.glob(os.path.join(glob.escape(workdir), 'image', '*')))) != image_sha:
+        shutil.rmtree(workdir, ignore_errors=True)
+        error('the firmware image arrived damaged on the host (its SHA-256 differs); nothing was run')
+    # Working folders of earlier runs that were cut off: owned by this user, beside this one.
+    base = os.path.dirname(workdir)
+    for folder in sorted(glob.glob(os.path.join(glob.escape(base), 'quenmark.*'))):
+        try:
+            st = os.lstat(folder)
+        except OSError:
+            continue
+        if folder == workdir or not os.path.isdir(folder) or os.path.islink(folder) or st.st_uid != os.geteuid():
+            continue
+        named = b''.join(read(path) for path in sorted(glob.glob(os.path.join(glob.escape(folder), 'step-*', 'drive'))))
+        say('QUENMARK-LEFTOVER %s %s %s' % (text(folder), 'running' if in_use(folder) else 'idle', text(named)))
+    drives = list(drives)
+    if discover == '1' and not drives:
+        for link in sorted(glob.glob(os.path.join(glob.escape(by_id), 'ata-*'))):
+            if os.path.islink(link) and not re.search(r'-part[0-9]+$', os.path.basename(link)):
+                drives.append(link)
+    survey = os.path.join(workdir, 'survey')
+    os.mkdir(survey)
+    options = ['/i'] + (['/v'] if verbose == '1' else [])
+    for index, drive in enumerate(drives):
+        run(str(index), survey, drive, [tool, drive] + options)
+        record(str(index), survey)
+    say('QUENMARK-STAGED %s' % text(workdir))
+    say('QUENMARK-END')
+
+
+def drive(workdir, step, limit, *rest):
+    folder = os.path.join(workdir, 'step-' + step)
+    try:
+        os.mkdir(folder)
+    except OSError:
+        error('step %s of %s exists already' % (step, workdir))
+    command = [sys.executable, '-S', HERE, 'run-step', workdir, step, limit] + list(rest)
+    unit = 'quenmark-%s-%s' % (os.path.basename(workdir).split('.')[-1], step)
+    started = False
+    if os.path.isdir('/run/systemd/system') and shutil.which('systemd-run'):
+        with open(os.devnull, 'r+b') as null:
+            started = subprocess.call(['systemd-run', '--quiet', '--collect', '--unit=' + unit] + command,
+                                      stdin=null, stdout=null, stderr=null) == 0
+    if not started:
+        # A session of its own, without the connection's terminal: a child that starts the step
+        # in a grandchild and ends at once.
+        child = os.fork()
+        if child == 0:
+            try:
+                os.setsid()
+                if os.fork() == 0:
+                    null = os.open(os.devnull, os.O_RDWR)
+                    for fd in (0, 1, 2):
+                        os.dup2(null, fd)
+                    os.execv(sys.executable, command)
+            finally:
+                os._exit(0)
+        os.waitpid(child, 0)
+    # started appears once the step holds its lock, which it lets go when it ends.
+    deadline = time.time() + 30
+    while not os.path.exists(os.path.join(folder, 'started')):
+        if time.time() > deadline:
+            error('the update did not start within 30 s')
+        time.sleep(0.02)
+    status = 'pending'
+    fd = os.open(os.path.join(folder, 'lock'), os.O_RDONLY)
+
+    def expired(signum, frame):
+        raise TimeoutError()
+    signal.signal(signal.SIGALRM, expired)
+    signal.alarm(max(1, int(limit)))
+    try:
+        fcntl.flock(fd, fcntl.LOCK_EX)
+        signal.alarm(0)
+        status = 'done' if os.path.exists(os.path.join(folder, 'done')) else 'unfinished'
+    except TimeoutError:
+        pass
+    os.close(fd)
+    for name in ('before', 'update', 'after'):
+        record(name, folder)
+    say('QUENMARK-STEP %s' % status)
+    say('QUENMARK-END')
+
+
+def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
+    """Before, update and after of one drive, in a session of its own. The step's lock is held from
+    here until the last run of the tool has ended (the tool inherits it), which tells a later run
+    that this working folder is still in use."""
+    folder = os.path.join(workdir, 'step-' + step)
+    try:
+        os.mkdir(os.path.join(folder, 'claimed'))
+    except OSError:
+        return  # started twice: the first one runs the step
+    lock = os.open(os.path.join(folder, 'lock'), os.O_WRONLY | os.O_CREAT, 0o600)
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    open(os.path.join(folder, 'started'), 'w').close()
+    rest = list(rest)
+    split = rest.index('--')
+    environment = dict(os.environ)
+    environment.update(setting.split('=', 1) for setting in rest[:split])
+    arguments = rest[split + 1:]
+    device = arguments[0]
+    with open(os.path.join(folder, 'drive'), 'w') as f:
+        f.write(device + '\n')
+    tool = os.path.join(workdir, 'quenmark')
+    options = ['/i'] + (['/v'] if verbose == '1' else [])
+    run('before', folder, device, [tool, device] + options, environment, (lock,))
+    before = read(os.path.join(folder, 'before.out'))
+    code = read(os.path.join(folder, 'before.rc')).split()[0]
+    # The update goes out only to the drive that was read at the start, still on that revision.
+    if code == b'10' and (report_field('MN', before), report_field('SN', before), report_field('FW', before)) == (
+            model, serial, revision):
+        run('update', folder, device, [tool] + arguments, environment, (lock,))
+        run('after', folder, device, [tool, device] + options, environment, (lock,))
+    open(os.path.join(folder, 'done'), 'w').close()
+
+
+def finish(workdir, *leftovers):
+    # A step that outlasted its wait goes on: its working folder stays, a leftover of this run.
+    if not in_use(workdir):
+        shutil.rmtree(workdir, ignore_errors=True)
+    for folder in leftovers:
+        if not os.path.basename(folder).startswith('quenmark.'):
+            continue
+        try:
+            st = os.lstat(folder)
+        except OSError:
+            continue
+        if not os.path.isdir(folder) or os.path.islink(folder) or st.st_uid != os.geteuid() or in_use(folder):
+            continue
+        shutil.rmtree(folder, ignore_errors=True)
+        if not os.path.exists(folder):
+            say('QUENMARK-REMOVED %s' % text(folder))
+    say('QUENMARK-END')
+
+
+COMMANDS = {'stage': (stage, 6), 'drive': (drive, 3), 'run-step': (run_step, 7), 'finish': (finish, 1)}
+
+if __name__ == '__main__':
+    os.environ['LC_ALL'] = 'C'
+    os.environ['PATH'] = '/usr/sbin:/usr/bin:/sbin:/bin:' + os.environ.get('PATH', '')
+    name = sys.argv[1] if len(sys.argv) > 1 else ''
+    if name not in COMMANDS or len(sys.argv) - 2 < COMMANDS[name][1]:
+        error("the host side was called wrongly: %s" % ' '.join(sys.argv[1:]))
+    COMMANDS[name][0](*sys.argv[2:])
