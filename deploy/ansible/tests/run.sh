@@ -549,6 +549,12 @@ doubtful_input() {
   expect_summary h1 1 'not tried: the host stopped at \\.\PhysicalDrive0'
   expect_untouched h2
   expect_clean_hosts
+  # Discovery too: a drive is not "left alone" for a reason that is not the drive's.
+  rollout -e quenmark_batch_size=1 -e quenmark_binary="$scenario_dir/broken-tool" \
+    -e '{"quenmark_devices": "discover", "quenmark_candidates": ["\\\\.\\PhysicalDrive0"]}' "${model[@]}"
+  expect_rc_failed
+  expect_summary h1 0 'failed: the drive could not be identified: unexpected exit code (exit code 127)'
+  expect_clean_hosts
 }
 
 # timing: 8 hosts of 4 drives in batches of 4, each drive discovered and updated. Prints the

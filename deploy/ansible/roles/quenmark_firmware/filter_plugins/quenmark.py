@@ -164,7 +164,9 @@ def decide(report, settings, earlier=(), survey=None):
         return {'result': 'skipped', 'reason': _refusal_reason(report, 2)}
     if not report['identified']:
         meaning = EXIT_CODES.get(report['rc'], UNKNOWN_EXIT_CODE)['meaning']
-        if discovered:
+        # An exit code that is none of the tool's (the shell's 126 or 127 for a tool that cannot
+        # be started) fails a discovered drive too: the reason is not the drive's.
+        if discovered and report['rc'] in EXIT_CODES:
             return {'result': 'skipped', 'reason': 'the drive could not be identified: %s (exit code %d); it is left alone'
                     % (meaning, report['rc'])}
         if report['rc'] != 10:
