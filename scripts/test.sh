@@ -4,7 +4,8 @@
 #   unit tests and golden transcripts under AddressSanitizer and UndefinedBehaviorSanitizer,
 #   the golden transcripts again against the optimised Linux build, formatting,
 #   the Windows build under Wine, the Linux build in QEMU on Linux 6.1 and 6.12,
-#   the release packages, the fuzz targets briefly, and the fleet rollout.
+#   the release packages, the fuzz targets briefly, the fleet rollout (simulated hosts), and the
+#   fleet rollout over SSH to Debian 12 VMs on Linux 6.1 and 6.12.
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -36,6 +37,7 @@ step "Linux build in QEMU, Linux 6.1 and 6.12" bash tests/qemu/run.sh
 step "release packages" bash tests/package/run.sh
 step "fuzz targets" bash tests/fuzz/run.sh
 step "fleet rollout" bash deploy/ansible/tests/run.sh
+step "fleet rollout over SSH to VMs" bash deploy/ansible/tests/vm/run.sh
 
 if ((${#failed[@]})); then
   echo "FAILED: ${failed[*]}"
