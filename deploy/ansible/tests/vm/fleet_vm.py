@@ -9,7 +9,7 @@ data on every disk as the SHA-256 of its image file, read from outside the VMs.
 
 The hosts:
   h1  6.1   the connection's terminal merges the streams   a slow drive (every DOWNLOAD MICROCODE
-            stays busy 1.5 s), a drive of another model and two drives of the fleet's model
+            stays busy 2 s), a drive of another model and two drives of the fleet's model
   h2  6.1   separate streams, sudo warns on stderr          a drive, one that aborts the third
             segment of every download, one after it; and a link to a drive that is gone
   h3  6.12  merged streams, sudo warns                      two drives
@@ -59,7 +59,7 @@ HOSTS = [
     ("h2", "6.1", True, False, [("ok", "QF2001"), ("abort", "QF2002"), ("ok", "QF2003")]),
     ("h3", "6.12", False, False, [("ok", "QF3001"), ("ok", "QF3002")]),
 ]
-SLOW_MS = 1500
+SLOW_MS = 2000
 SEGMENT_BLOCKS = 8      # a 64 KiB image in 16 segments
 IMAGE_BYTES = 65536
 
