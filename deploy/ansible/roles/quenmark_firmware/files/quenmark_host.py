@@ -22,19 +22,15 @@ Every field but the numbers is base64 ("-" when empty). The commands:
   finish WORKDIR [LEFTOVER...]
       removes the working folder and the leftover folders named, unless a run still uses one.
 
-Every process a host starts costs time (tens of milliseconds in a small VM), so everything but
-the tool runs in this one interpreter."""
+Every process a host starts costs time (tens of milliseconds in a small VM), and so does every
+module Python loads: everything but the tool runs in this one interpreter, the tool is started
+with fork and exec, and the modules that only staging and removal need are loaded there."""
 
-import base64
+import binascii
 import errno
 import fcntl
-import glob
-import hashlib
 import os
-import re
-import shutil
 import signal
-import subprocess
 import sys
 import time
 
@@ -44,7 +40,7 @@ HERE = os.path.abspath(__file__)
 def text(value):
     if isinstance(value, str):
         value = value.encode('utf-8', 'surrogateescape')
-    return base64.b64encode(value).decode('ascii') if value else '-'
+    return binascii.b2a_base64(value).rstrip(b'\n').decode('ascii') if value else '-'
 
 
 def read(path):
@@ -70,20 +66,40 @@ def now():
     return int(time.time() * 1e9)
 
 
-def run(name, folder, drive, command, environment=None, keep_fds=()):
+def spawn(command, environment=None, stdout=None, stderr=None, keep_fd=None):
+    """Runs a program (a path, or a name looked up in PATH) with standard input from /dev/null and
+    the output into the descriptors given (else /dev/null); its exit code, 126 or 127 when it
+    cannot be started, 128 + N after signal N."""
+    pid = os.fork()
+    if pid == 0:
+        try:
+            null = os.open(os.devnull, os.O_RDWR)
+            os.dup2(null, 0)
+            os.dup2(null if stdout is None else stdout, 1)
+            os.dup2(null if stderr is None else stderr, 2)
+            if keep_fd is not None:
+                os.set_inheritable(keep_fd, True)
+            os.execvpe(command[0], command, os.environ if environment is None else environment)
+        except OSError as failure:
+            os.write(2, ('%s: %s\n' % (command[0], failure.strerror)).encode())
+            os._exit(126 if failure.errno == errno.EACCES else 127)
+        os._exit(127)
+    _, status = os.waitpid(pid, 0)
+    return os.WEXITSTATUS(status) if os.WIFEXITED(status) else 128 + os.WTERMSIG(status)
+
+
+def run(name, folder, drive, command, environment=None, keep_fd=None):
     """One run: its output and exit code kept in FOLDER/NAME.*, the exit code last, with the run's
     start and end."""
     start = now()
-    with open(os.path.join(folder, name + '.out'), 'wb') as out, \
-            open(os.path.join(folder, name + '.err'), 'wb') as err, open(os.devnull, 'rb') as null:
-        try:
-            code = subprocess.call(command, stdin=null, stdout=out, stderr=err, env=environment,
-                                   pass_fds=keep_fds)
-        except OSError as failure:
-            err.write(('%s: %s\n' % (command[0], failure.strerror)).encode())
-            code = 126 if failure.errno == errno.EACCES else 127
-    if code < 0:
-        code = 128 - code
+    flags = os.O_WRONLY | os.O_CREAT | os.O_TRUNC
+    out = os.open(os.path.join(folder, name + '.out'), flags, 0o600)
+    err = os.open(os.path.join(folder, name + '.err'), flags, 0o600)
+    try:
+        code = spawn(command, environment, out, err, keep_fd)
+    finally:
+        os.close(out)
+        os.close(err)
     with open(os.path.join(folder, name + '.drive'), 'wb') as f:
         f.write(drive.encode('utf-8', 'surrogateescape'))
     partial = os.path.join(folder, name + '.rc.partial')
@@ -105,8 +121,11 @@ def record(name, folder):
 
 def report_field(name, output):
     """A field of a drive report (MN, SN or FW), as the tool printed it."""
-    match = re.search(br'^  ' + name.encode() + br': (.*?)\r?$', output, re.M)
-    return match.group(1).decode('utf-8', 'surrogateescape') if match else None
+    prefix = ('  %s: ' % name).encode()
+    for line in output.split(b'\n'):
+        if line.startswith(prefix):
+            return line[len(prefix):].rstrip(b'\r').decode('utf-8', 'surrogateescape')
+    return None
 
 
 def held(path):
@@ -127,6 +146,7 @@ def held(path):
 def in_use(folder):
     """Whether a run of a working folder still goes on: a step holds its lock, or a process runs a
     program of the folder (the tool of a run from before the steps had locks)."""
+    import glob
     if any(held(lock) for lock in glob.glob(os.path.join(glob.escape(folder), 'step-*', 'lock'))):
         return True
     prefix = folder.rstrip('/') + '/'
@@ -141,6 +161,7 @@ def in_use(folder):
 
 
 def sha256(paths):
+    import hashlib
     digest = hashlib.sha256()
     for path in paths:
         with open(path, 'rb') as f:
@@ -150,6 +171,9 @@ def sha256(paths):
 
 
 def stage(workdir, tool_sha, image_sha, verbose, discover, by_id, *drives):
+    import glob
+    import re
+    import shutil
     tool = os.path.join(workdir, 'quenmark')
     if sha256([tool]) != tool_sha:
         shutil.rmtree(workdir, ignore_errors=True)
@@ -192,10 +216,8 @@ def drive(workdir, step, limit, *rest):
     command = [sys.executable, '-S', HERE, 'run-step', workdir, step, limit] + list(rest)
     unit = 'quenmark-%s-%s' % (os.path.basename(workdir).split('.')[-1], step)
     started = False
-    if os.path.isdir('/run/systemd/system') and shutil.which('systemd-run'):
-        with open(os.devnull, 'r+b') as null:
-            started = subprocess.call(['systemd-run', '--quiet', '--collect', '--unit=' + unit] + command,
-                                      stdin=null, stdout=null, stderr=null) == 0
+    if os.path.isdir('/run/systemd/system'):
+        started = spawn(['systemd-run', '--quiet', '--collect', '--unit=' + unit] + command) == 0
     if not started:
         # A session of its own, without the connection's terminal: a child that starts the step
         # in a grandchild and ends at once.
@@ -259,18 +281,19 @@ def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
         f.write(device + '\n')
     tool = os.path.join(workdir, 'quenmark')
     options = ['/i'] + (['/v'] if verbose == '1' else [])
-    run('before', folder, device, [tool, device] + options, environment, (lock,))
+    run('before', folder, device, [tool, device] + options, environment, lock)
     before = read(os.path.join(folder, 'before.out'))
     code = read(os.path.join(folder, 'before.rc')).split()[0]
     # The update goes out only to the drive that was read at the start, still on that revision.
     if code == b'10' and (report_field('MN', before), report_field('SN', before), report_field('FW', before)) == (
             model, serial, revision):
-        run('update', folder, device, [tool] + arguments, environment, (lock,))
-        run('after', folder, device, [tool, device] + options, environment, (lock,))
+        run('update', folder, device, [tool] + arguments, environment, lock)
+        run('after', folder, device, [tool, device] + options, environment, lock)
     open(os.path.join(folder, 'done'), 'w').close()
 
 
 def finish(workdir, *leftovers):
+    import shutil
     # A step that outlasted its wait goes on: its working folder stays, a leftover of this run.
     if not in_use(workdir):
         shutil.rmtree(workdir, ignore_errors=True)
