@@ -282,7 +282,8 @@ def quenmark_step(result, drive, settings):
     if found['step'] == 'pending':
         outcome = {'result': 'unknown', 'reason': "the tool's run did not end within %s s; it goes on on the host and the "
                    "drive's state is unknown until it ends" % limit}
-    elif (result or {}).get('timedout'):
+    elif (result or {}).get('timedout') or 'expected time frame' in str((result or {}).get('msg', '')):
+        # The task's own time limit (Ansible's timeout), a minute above the role's wait.
         outcome = {'result': 'unknown', 'reason': "the host gave no answer within %s s; the drive's state is unknown"
                    % (int(limit) + 60)}
     elif not found['end'] and (result or {}).get('failed'):
@@ -535,7 +536,6 @@ class FilterModule(object):
     def filters(self):
         return {
             'quenmark_report': quenmark_report,
-            'quenmark_said': said,
             'quenmark_file': quenmark_file,
             'quenmark_bundle': quenmark_bundle,
             'quenmark_plan': quenmark_plan,
