@@ -412,8 +412,10 @@ interrupted() {
   # run: busy, not "no such drive". h3's update outlasts the role's wait (a margin of 0 and /t 1
   # give 3 s): its state is unknown and its working folder stays while the run goes on; once it
   # has ended, a rerun removes the folder and finds the drive current. h4's update is
-  # interrupted: the tool's own line is the reason.
-  fleet interrupted devices h1:ok h2:held h3:ok h4:ok
+  # interrupted: the tool's own line is the reason. h5's step is stopped (SIGTERM to its
+  # session, as a shutdown or a stopped service would): the tool ends its run as interrupted and
+  # the step records it and runs nothing more.
+  fleet interrupted devices h1:ok h2:held h3:ok h4:ok h5:ok
   local tmp=$scenario_dir/host-tmp
   mkdir -p "$tmp/h1/quenmark.idle01" "$tmp/h1/quenmark.held01/step-0"
   : >"$tmp/h1/quenmark.idle01/quenmark"
@@ -432,8 +434,21 @@ interrupted() {
   host_vars h4 'quenmark_environment:' \
     "  QUENMARK_SIM_MACHINE: $scenario_dir/h4.json" "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
     "  QUENMARK_TEST_RUNS: $scenario_dir/h4.runs" "  QUENMARK_TEST_INTERRUPT: 'Interrupted: nothing more was sent; the drive runs QF01'"
-  rollout -e quenmark_batch_size=4 -e quenmark_target_revision=QF02
+  host_vars h5 'quenmark_environment:' \
+    "  QUENMARK_SIM_MACHINE: $scenario_dir/h5.json" "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
+    "  QUENMARK_TEST_RUNS: $scenario_dir/h5.runs" "  QUENMARK_TEST_SLEEP: '5'" \
+    "  QUENMARK_TEST_TERM_LINE: 'Interrupted: the download was not begun; the drive runs QF01'"
+  (
+    until started=$(cat "$tmp"/h5/quenmark.*/step-0/started 2>/dev/null) && [ -n "$started" ]; do sleep 0.1; done
+    sleep 1
+    kill -TERM -- "-$(ps -o pgid= -p "$started" | tr -d ' ')"
+  ) &
+  local stopper=$!
+  rollout -e quenmark_batch_size=5 -e quenmark_target_revision=QF02
+  wait "$stopper"
   expect_rc_failed
+  expect_summary h5 0 'QSIM FLEET SSD H5D0: QF01, failed: the tool said "Interrupted: the download was not begun; the drive runs QF01" (exit code 3)'
+  [ "$(runs h5 0 ' /i')" = 2 ] || problem "h5: drive 0 read $(runs h5 0 ' /i') times, expected twice (no read after the stop)"
   expect_updated h1 0
   expect_summary h1 - "working folder $tmp/h1/quenmark.held01 of an earlier run, kept: a run still works in it | working folder $tmp/h1/quenmark.idle01 of an earlier run, removed: no run used it"
   [ ! -e "$tmp/h1/quenmark.idle01" ] || problem "h1: the idle leftover is still there"
@@ -448,7 +463,7 @@ interrupted() {
   # Once h3's run has ended, a rerun finds its drive updated and removes the folder; h1's
   # folder that was in use is removed too.
   sleep 6
-  rm -f "$scenario_dir/host_vars/h3.yml" "$scenario_dir/host_vars/h4.yml"
+  rm -f "$scenario_dir/host_vars/h3.yml" "$scenario_dir/host_vars/h4.yml" "$scenario_dir/host_vars/h5.yml"
   cp "$scenario_dir/h4.json.orig" "$scenario_dir/h4.json"
   rollout -e quenmark_batch_size=4 -e quenmark_target_revision=QF02 --limit h1,h3
   expect_rc 0

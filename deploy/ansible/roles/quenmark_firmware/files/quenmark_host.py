@@ -6,7 +6,8 @@ CRLF, sudo's warnings, ssh's notices):
   QUENMARK-RUN <name> <exit code> <start ns> <end ns> <drive> <stdout> <stderr>
   QUENMARK-LEFTOVER <folder> <running|idle> <drives its runs named>
   QUENMARK-STAGED <working folder>        QUENMARK-STEP <done|unfinished|pending>
-  QUENMARK-REMOVED <folder>               QUENMARK-ERROR <message>
+  QUENMARK-STOPPED <signal>               QUENMARK-REMOVED <folder>
+  QUENMARK-ERROR <message>
   QUENMARK-END
 
 Every field but the numbers is base64 ("-" when empty). The commands:
@@ -255,6 +256,9 @@ def drive(workdir, step, limit, *rest):
     os.close(fd)
     for name in ('before', 'update', 'after'):
         record(name, folder)
+    stopped = read(os.path.join(folder, 'stopped')).strip()
+    if stopped:
+        say('QUENMARK-STOPPED %s' % stopped.decode())
     say('QUENMARK-STEP %s' % status)
     say('QUENMARK-END')
 
@@ -262,7 +266,16 @@ def drive(workdir, step, limit, *rest):
 def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
     """Before, update and after of one drive, in a session of its own. The step's lock is held from
     here until the last run of the tool has ended (the tool inherits it), which tells a later run
-    that this working folder is still in use."""
+    that this working folder is still in use. A hang-up, SIGINT or SIGTERM (the service stopped,
+    the host shutting down) reaches the tool on its own: the step waits for the tool's run to end
+    as the tool ends it, records it, and starts no further run."""
+    stopping = []
+
+    def stop(signum, frame):
+        stopping.append(signum)
+    # Handlers, not SIG_IGN: the tool gets the default dispositions back when it is started.
+    for signum in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        signal.signal(signum, stop)
     folder = os.path.join(workdir, 'step-' + step)
     try:
         os.mkdir(os.path.join(folder, 'claimed'))
@@ -270,7 +283,8 @@ def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
         return  # started twice: the first one runs the step
     lock = os.open(os.path.join(folder, 'lock'), os.O_WRONLY | os.O_CREAT, 0o600)
     fcntl.flock(lock, fcntl.LOCK_EX)
-    open(os.path.join(folder, 'started'), 'w').close()
+    with open(os.path.join(folder, 'started'), 'w') as f:
+        f.write('%d\n' % os.getpid())
     rest = list(rest)
     split = rest.index('--')
     environment = dict(os.environ)
@@ -285,10 +299,14 @@ def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
     before = read(os.path.join(folder, 'before.out'))
     code = read(os.path.join(folder, 'before.rc')).split()[0]
     # The update goes out only to the drive that was read at the start, still on that revision.
-    if code == b'10' and (report_field('MN', before), report_field('SN', before), report_field('FW', before)) == (
-            model, serial, revision):
+    if not stopping and code == b'10' and (
+            report_field('MN', before), report_field('SN', before), report_field('FW', before)) == (model, serial, revision):
         run('update', folder, device, [tool] + arguments, environment, lock)
-        run('after', folder, device, [tool, device] + options, environment, lock)
+        if not stopping:
+            run('after', folder, device, [tool, device] + options, environment, lock)
+    if stopping:
+        with open(os.path.join(folder, 'stopped'), 'w') as f:
+            f.write('%d\n' % stopping[0])
     open(os.path.join(folder, 'done'), 'w').close()
 
 

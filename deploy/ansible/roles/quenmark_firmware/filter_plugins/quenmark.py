@@ -111,7 +111,7 @@ def records(result):
     its lines QUENMARK-..., wherever they arrived (merged with standard error under a terminal,
     with CRLF, or beside other writers' lines), each field decoded."""
     found = {'runs': {}, 'leftovers': [], 'removed': [], 'workdir': '', 'error': '', 'step': '',
-             'end': False, 'tool_seconds': 0.0}
+             'stopped': 0, 'end': False, 'tool_seconds': 0.0}
     text = '\n'.join(str((result or {}).get(stream) or '') for stream in ('stdout', 'stderr'))
     for line in text.replace('\r', '\n').split('\n'):
         match = _RECORD.match(line.strip())
@@ -133,6 +133,8 @@ def records(result):
                 found['workdir'] = _field(fields[0])
             elif kind == 'QUENMARK-STEP' and len(fields) == 1:
                 found['step'] = fields[0]
+            elif kind == 'QUENMARK-STOPPED' and len(fields) == 1:
+                found['stopped'] = int(fields[0])
             elif kind == 'QUENMARK-ERROR' and len(fields) == 1:
                 found['error'] = _field(fields[0])
             elif kind == 'QUENMARK-END' and not fields:
@@ -290,9 +292,19 @@ def quenmark_step(result, drive, settings):
         outcome = {'result': 'unknown', 'reason': "the connection failed during the update; the drive's state is unknown"}
     elif found['error']:
         outcome = {'result': 'failed', 'reason': 'the update could not be run: %s' % found['error']}
-    elif found['step'] != 'done' or before is None or (update is not None and after is None):
+    elif found['step'] != 'done' or before is None:
         outcome = {'result': 'unknown', 'reason': "the host's run of the tool ended before it could report; the drive's "
                    "state is unknown (exit code %s)" % (result or {}).get('rc', '?')}
+    elif found['stopped'] and update is None:
+        outcome = {'result': 'failed', 'reason': 'the update was stopped (signal %d) before it began; nothing was sent'
+                   % found['stopped']}
+    elif update is not None and after is None and exit_code(update) == 0:
+        # Stopped after the tool's run, before the drive was read again.
+        outcome = {'result': 'unknown', 'reason': 'the update ended with exit code 0, but the run was stopped (signal %d) '
+                   'before the drive could be read again' % found['stopped']}
+    elif update is not None and after is None:
+        # The tool's exit code says it all (an interrupt's 3 with its line, a failure, a refusal).
+        outcome = judge(update, run_report({}), settings)
     elif update is None:
         outcome = decide(before, settings, survey=drive['survey'])
         if outcome['result'] == 'update':
