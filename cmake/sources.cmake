@@ -3,7 +3,7 @@
 #   QUENMARK_SIM_SOURCES:  the simulated machine, without its two programs' mains.
 file(GLOB QUENMARK_CORE_SOURCES CONFIGURE_DEPENDS
   ${SRC}/app/*.cpp ${SRC}/transport/*.cpp ${SRC}/drive/*.cpp ${SRC}/csmi/*.cpp
-  ${SRC}/platform/console.cpp ${SRC}/platform/utf8.cpp)
+  ${SRC}/platform/console.cpp ${SRC}/platform/utf8.cpp ${SRC}/platform/ata_sense.cpp)
 list(REMOVE_ITEM QUENMARK_CORE_SOURCES ${SRC}/app/main.cpp)
 
 file(GLOB QUENMARK_SIM_SOURCES CONFIGURE_DEPENDS ${SRC}/sim/*.cpp)

@@ -1,3 +1,4 @@
+#include <cstdio>
 #include <cstring>
 #include <ostream>
 
@@ -57,7 +58,10 @@ Status screen_download(DeviceContext& context, const RunOptions& options,
     return screen_transfer_limit(context, options);
 }
 
-Status run_download_attempts(DeviceContext& context, const RunOptions& options) {
+// A command that timed out may have left the drive writing its flash: neither a retry nor an
+// activation goes after it.
+Status run_download_attempts(DeviceContext& context, const RunOptions& options,
+                             DownloadRecord& record) {
     vendor_identify(context);
     Status status = Status::Failed;
     std::int32_t attempt = 0;
@@ -65,20 +69,38 @@ Status run_download_attempts(DeviceContext& context, const RunOptions& options) 
         if (attempt > 0) {
             console::out() << "Retrying... " << attempt << std::endl;
         }
-        status = download_firmware(context, options.request);
+        status = download_firmware(context, options.request, record);
         console::out() << std::endl;
         win32::Sleep(kPauseAfterAttemptMs);
         console::out() << std::endl;
         ++attempt;
-    } while (status != Status::Success && attempt <= options.retryCount);
+    } while (status != Status::Success && status != Status::TimedOut &&
+             attempt <= options.retryCount);
     return status;
 }
 
-Status activate(DeviceContext& context, const RunOptions& options) {
+Status activate(DeviceContext& context, const RunOptions& options, DownloadRecord& record) {
     DownloadRequest activation = options.request;
     activation.downloadMode = kModeActivate;
     activation.segmentBlocks = 0;
-    return download_firmware(context, activation);
+    return download_firmware(context, activation, record);
+}
+
+// After a time-out only the drive can say what it holds: the closing IDENTIFY DEVICE read it.
+void print_timeout_outcome(const DownloadRecord& record, Status identified,
+                           const DriveInfo& driveInfo) {
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "0x%02X", unsigned{record.mode});
+    std::ostream& err = console::err();
+    err << "DOWNLOAD MICROCODE mode " << mode << " (" << record.transfersSent << " of "
+        << record.transfersPlanned << ") timed out after " << record.timeoutSeconds
+        << " s; nothing more was sent. ";
+    if (identified == Status::Success) {
+        err << "The drive reports firmware revision " << driveInfo.firmwareRevision << " now.";
+    } else {
+        err << "The firmware revision could not be read afterwards (IDENTIFY DEVICE failed).";
+    }
+    err << std::endl;
 }
 
 } // namespace
@@ -98,6 +120,7 @@ int map_status_to_exit_code(Status status) {
     case 1:
         return 0;
     case 11:
+    case 14:
         return 1;
     case 2:
         return 2;
@@ -157,13 +180,18 @@ int quenmark_main(int argumentCount, char** arguments) {
             }
             status = screen_download(context, options, driveInfo);
             if (status == Status::Success) {
+                DownloadRecord record{};
                 if ((context.interfaceKind & DownloadRequested) != 0) {
-                    status = run_download_attempts(context, options);
+                    status = run_download_attempts(context, options, record);
                 }
-                if ((context.interfaceKind & ActivateRequested) != 0) {
-                    status = activate(context, options);
+                if ((context.interfaceKind & ActivateRequested) != 0 &&
+                    status != Status::TimedOut) {
+                    status = activate(context, options, record);
                 }
-                identify_device(context, driveInfo);
+                const Status identified = identify_device(context, driveInfo);
+                if (status == Status::TimedOut) {
+                    print_timeout_outcome(record, identified, driveInfo);
+                }
             }
         }
     }

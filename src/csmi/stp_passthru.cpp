@@ -107,9 +107,16 @@ Status issue_stp_passthru(DeviceContext& context) {
         console::printf("------\n\n");
     }
 
+    context.returned = AtaReturnedRegisters{};
     const bool sent = send_csmi_request(context.handle, buffer.get(), size);
     context.lastError = win32::GetLastError();
     std::memcpy(&request, buffer.get(), kStpDataOffset);
+    const std::uint8_t* fis = request.Status.bStatusFIS;
+    if (sent && request.IoctlHeader.ReturnCode == 0 && fis[0] == kFisTypeRegisterDeviceToHost) {
+        // Register device-to-host FIS: Status 2, Error 3, LBA 4 to 6, Device 7, Count 12.
+        context.returned =
+            AtaReturnedRegisters{true, fis[2], fis[3], fis[12], fis[4], fis[5], fis[6], fis[7]};
+    }
 
     Status status = Status::Success;
     if (!sent || request.IoctlHeader.ReturnCode != 0) {

@@ -46,6 +46,7 @@ AtaOutcome run_ata_command(Machine& m, const std::string& driveId, const AtaComm
         outcome.lbaHigh = command.lbaHigh;
         outcome.device = command.device;
         outcome.bytesMoved = fault->moved ? std::min(*fault->moved, length) : carried;
+        outcome.timedOut = fault->timeout;
         if (fault->scsiStatus) {
             outcome.scsiOverride = true;
             outcome.scsiStatus = *fault->scsiStatus;

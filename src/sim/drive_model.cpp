@@ -123,6 +123,9 @@ AtaOutcome execute_on_drive(Drive& drive, const AtaCommand& command, DataPhase p
         }
         AtaOutcome outcome = answer(command, kStatusGood, 0);
         outcome.bytesMoved = phase == DataPhase::Out ? length : 0;
+        if (drive.downloadStatusInCount) {
+            outcome.count = verdict.countStatus;
+        }
         return outcome;
     }
     default:

@@ -38,6 +38,8 @@ struct CommandFault {
     std::uint32_t nth = 0;
     bool onward = false;
     bool execute = false;
+    bool timeout = false; // the host's time-out ends the command first (with execute: after the
+                          // drive carried it out)
     std::uint8_t status = 0x51;
     std::uint8_t error = 0x04;
     std::optional<std::uint32_t> moved; // bytes of the data phase reported moved

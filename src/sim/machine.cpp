@@ -54,6 +54,11 @@ std::uint32_t disk_transfer_limit(const Disk& disk) {
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(limit, 0xFFFFFFFF));
 }
 
+win32::DWORD time_out(Machine& m, std::uint32_t timeoutSeconds) {
+    m.clockMs += std::uint64_t{timeoutSeconds} * 1000;
+    return ERROR_SEM_TIMEOUT;
+}
+
 std::size_t open_handle_count(const Machine& m) {
     std::size_t count = 0;
     for (const OpenHandle& entry : m.handles) {

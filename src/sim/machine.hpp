@@ -47,6 +47,12 @@ struct Disk {
 // maxPhysicalPages; 0 when neither limits it.
 std::uint32_t disk_transfer_limit(const Disk& disk);
 
+struct Machine;
+
+// A pass-through whose command outlived its time-out: the clock moves on by the time-out and the
+// request fails with ERROR_SEM_TIMEOUT, as the port driver fails it after resetting the link.
+win32::DWORD time_out(Machine& machine, std::uint32_t timeoutSeconds);
+
 struct OpenHandle {
     std::wstring path;
     int disk = -1;       // index into Machine::disks, or -1

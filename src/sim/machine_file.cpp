@@ -145,8 +145,8 @@ bool read_drive(const json& d, const std::string& where, const std::string& base
                 std::string& error) {
     if (!check_keys(d, where,
                     {"id", "identifyFile", "model", "serial", "firmware", "words", "identifyLog",
-                     "vendorIdentify", "downloadModes", "enforceBlockLimits", "failDownload",
-                     "state"},
+                     "vendorIdentify", "downloadModes", "enforceBlockLimits",
+                     "downloadStatusInCount", "failDownload", "state"},
                     error)) {
         return false;
     }
@@ -287,7 +287,8 @@ bool read_drive(const json& d, const std::string& where, const std::string& base
             }
         }
     }
-    if (!read_bool(d, "enforceBlockLimits", where, drive.enforceBlockLimits, error)) {
+    if (!read_bool(d, "enforceBlockLimits", where, drive.enforceBlockLimits, error) ||
+        !read_bool(d, "downloadStatusInCount", where, drive.downloadStatusInCount, error)) {
         return false;
     }
     if (d.contains("state") && !read_state(d["state"], where + ".state", drive, error)) {
@@ -370,8 +371,8 @@ bool read_call_fault(const json& f, const std::string& where, CallFault& fault,
 bool read_command_fault(const json& f, const std::string& where, CommandFault& fault,
                         std::string& error) {
     if (!check_keys(f, where,
-                    {"command", "features", "drive", "nth", "onward", "execute", "status", "error",
-                     "moved", "scsiStatus", "sense"},
+                    {"command", "features", "drive", "nth", "onward", "execute", "timeout",
+                     "status", "error", "moved", "scsiStatus", "sense"},
                     error)) {
         return false;
     }
@@ -383,6 +384,7 @@ bool read_command_fault(const json& f, const std::string& where, CommandFault& f
         !read_field(f, "nth", where, fault.nth, error) ||
         !read_bool(f, "onward", where, fault.onward, error) ||
         !read_bool(f, "execute", where, fault.execute, error) ||
+        !read_bool(f, "timeout", where, fault.timeout, error) ||
         !read_field(f, "status", where, fault.status, error) ||
         !read_field(f, "error", where, fault.error, error)) {
         return false;

@@ -86,6 +86,7 @@ Status ata_pass_through(DeviceContext& context) {
         request.AtaFlags |= ATA_FLAGS_48BIT_COMMAND;
     }
 
+    context.returned = AtaReturnedRegisters{};
     win32::SetLastError(0);
     win32::DWORD bytesReturned = 0;
     const win32::BOOL sent =
@@ -102,6 +103,14 @@ Status ata_pass_through(DeviceContext& context) {
     }
 
     const std::uint8_t* taskFile = request.CurrentTaskFile;
+    context.returned = AtaReturnedRegisters{true,
+                                            taskFile[OutStatus],
+                                            taskFile[OutError],
+                                            taskFile[OutCount],
+                                            taskFile[OutLbaLow],
+                                            taskFile[OutLbaMid],
+                                            taskFile[OutLbaHigh],
+                                            taskFile[OutDevice]};
     if (taskFile[OutStatus] == kStatusReadyComplete) {
         return result;
     }

@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <cstring>
 #include <ios>
 #include <ostream>
 
+#include "platform/ata_sense.hpp"
 #include "platform/console.hpp"
 #include "transport/scsi_pass_through_request.hpp"
 #include "transport/transport.hpp"
@@ -15,6 +17,7 @@ constexpr std::uint8_t kExtend = 0x01;
 constexpr std::uint8_t kTDirIn = 0x08;
 constexpr std::uint8_t kBytBlok = 0x04;
 constexpr std::uint8_t kTLengthInCount = 0x02;
+constexpr std::uint8_t kCkCond = 0x20;
 constexpr std::uint8_t kCheckCondition = 0x02;
 
 void print_check_condition(const DeviceContext& context, const ScsiPassThroughRequest& request) {
@@ -22,6 +25,23 @@ void print_check_condition(const DeviceContext& context, const ScsiPassThroughRe
     out << "CHECK CONDITION ERROR for CMD: " << std::hex << unsigned{context.registers.command}
         << "Sense Buffer: " << unsigned{request.sense[0]} << unsigned{request.sense[1]}
         << unsigned{request.sense[2]} << std::dec << std::endl;
+}
+
+// A command sent with CK_COND that the drive completed comes back as CHECK CONDITION too:
+// RECOVERED ERROR with the registers asked for, which are kept when they can be read.
+bool completed_with_registers(const ScsiPassThroughRequest& request, AtaReturnedRegisters& out) {
+    const std::size_t written =
+        std::min<std::size_t>(request.header.SenseInfoLength, kSenseInfoLength);
+    if (!sat::sense_reports_ata_information(request.sense, written)) {
+        return false;
+    }
+    const sat::AtaSenseReading reading = sat::read_ata_sense(request.sense, written);
+    if (reading.verdict == sat::AtaSenseVerdict::TaskFile) {
+        const std::uint8_t* current = reading.current;
+        out = AtaReturnedRegisters{true,       current[6], current[0], current[1],
+                                   current[2], current[3], current[4], current[5]};
+    }
+    return true;
 }
 
 } // namespace
@@ -64,7 +84,11 @@ Status scsi_pass_through(DeviceContext& context) {
         sptd.Cdb[1] |= kExtend;
     }
     sptd.Cdb[2] |= kBytBlok | kTLengthInCount;
+    if (context.registersRequested) {
+        sptd.Cdb[2] |= kCkCond;
+    }
     std::memcpy(&sptd.Cdb[3], &context.registers, sizeof(AtaRegisters));
+    context.returned = AtaReturnedRegisters{};
 
     sptd.TimeOutValue =
         context.timeoutSeconds != 0 ? context.timeoutSeconds : kDefaultTimeoutSeconds;
@@ -89,6 +113,10 @@ Status scsi_pass_through(DeviceContext& context) {
             console::out() << "IO Error [" << context.lastError << "]" << std::endl;
         }
         return Status::Failed;
+    }
+    if (sptd.ScsiStatus == kCheckCondition && context.registersRequested &&
+        completed_with_registers(request, context.returned)) {
+        return Status::Success;
     }
     if (sptd.ScsiStatus == kCheckCondition) {
         if (context.verbose != 0) {

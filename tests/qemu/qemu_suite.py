@@ -63,7 +63,7 @@ DISK_FIRMWARE = "QF1.02A"
 MODULES = ["sd_mod", "sr_mod", "sg", "ahci", "virtio_pci", "virtio_scsi"]
 
 # Firmware images in the VM's working folder: name and size. The bytes are a fixed pattern.
-IMAGES = [("fw-70000.bin", 70000), ("fw-131072.bin", 131072), ("fw-1mib.bin", 1048576)]
+IMAGES = [("fw-70000.bin", 70000), ("fw-70144.bin", 70144), ("fw-131072.bin", 131072), ("fw-1mib.bin", 1048576)]
 
 # Under software emulation the VM comes up in about 10 s and runs every case in about 20 s more.
 UP_TIMEOUT = 90

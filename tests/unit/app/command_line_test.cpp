@@ -48,7 +48,8 @@ std::string parse(std::vector<std::wstring> arguments) {
     add(address != std::string(16, '0'), "addr=" + address);
     add(o.request.downloadMode != 0x07, "mode=" + sim::hex8(o.request.downloadMode));
     add(o.request.segmentBlocks != 64, "g=" + std::to_string(o.request.segmentBlocks));
-    add(o.request.timeoutSeconds != 5, "t=" + std::to_string(o.request.timeoutSeconds));
+    add(o.request.timeoutSeconds != kDefaultDownloadTimeoutSeconds,
+        "t=" + std::to_string(o.request.timeoutSeconds));
     add(o.retryCount != 0, "r=" + std::to_string(o.retryCount));
     add(context.verbose != 0, "v=" + std::to_string(context.verbose));
     add(context.optionL != 0, "l=" + std::to_string(context.optionL));

@@ -58,8 +58,8 @@ constexpr char kMachine[] = R"({
     ]}]
 })";
 
-// Three full transfers of 64 blocks and a remainder in the segmented modes.
-constexpr std::uint32_t kImageBytes = 100000;
+// Three full transfers of 64 blocks and a remainder of 4 in the segmented modes.
+constexpr std::uint32_t kImageBytes = 100352;
 
 enum class Wire { Sat, Ata, Csmi, Scan };
 
@@ -118,7 +118,7 @@ std::vector<Scenario> scenarios() {
             }
         }
     }
-    // The 100,000-byte image in one command to \\.\PhysicalDrive1, whose adapter carries 65,536.
+    // The 100,352-byte image in one command to \\.\PhysicalDrive1, whose adapter carries 65,536.
     for (const auto& i : {interfaces[0], interfaces[1]}) {
         std::string device = i.device;
         device.back() = '1';
@@ -390,7 +390,11 @@ Stage stage_by_content(const sim::CallRecord& r) {
 }
 
 // What the transport of this wire makes of a call that carried an ATA command.
-Status command_status(Wire wire, const sim::CallRecord& r) {
+Status command_status(Wire wire, Stage stage, const sim::CallRecord& r) {
+    const bool download = stage == Stage::Transfer || stage == Stage::Activate;
+    if (!r.succeeded && download && r.error == ERROR_SEM_TIMEOUT) {
+        return Status::TimedOut;
+    }
     if (!r.succeeded) {
         const bool notOffered =
             wire != Wire::Csmi && wire != Wire::Scan && r.error == ERROR_INVALID_FUNCTION;
@@ -398,7 +402,10 @@ Status command_status(Wire wire, const sim::CallRecord& r) {
     }
     switch (wire) {
     case Wire::Sat:
-        return has(r.result, "scsi-status=02") ? Status::DeviceError : Status::Success;
+        // The last transfer asks for the drive's registers: RECOVERED ERROR 00/1D carries them.
+        return has(r.result, "scsi-status=02") && !has(r.result, "sense=72 01 00 1d")
+                   ? Status::DeviceError
+                   : Status::Success;
     case Wire::Ata: {
         if (r.ata.empty()) {
             return Status::DeviceError;
@@ -428,7 +435,7 @@ Status command_status(Wire wire, const sim::CallRecord& r) {
 Status step_status(Wire wire, Stage stage, const sim::CallRecord& r) {
     if (stage == Stage::Identify || stage == Stage::ReadLog || stage == Stage::Vendor ||
         stage == Stage::Transfer || stage == Stage::Activate) {
-        return command_status(wire, r);
+        return command_status(wire, stage, r);
     }
     if (r.succeeded) {
         // The scan judges the controller configuration and the driver information by the last
@@ -472,9 +479,13 @@ std::vector<Step> steps_of(Wire wire, const std::vector<sim::CallRecord>& log,
 }
 
 int exit_code_of(Status status) {
-    const std::map<Status, int> codes = {{Status::Success, 0},  {Status::DeviceError, 1},
-                                         {Status::NoDevice, 2}, {Status::BadFirmwareFile, 4},
-                                         {Status::CrcAbort, 5}, {Status::InterfaceNotSupported, 9}};
+    const std::map<Status, int> codes = {{Status::Success, 0},
+                                         {Status::DeviceError, 1},
+                                         {Status::TimedOut, 1},
+                                         {Status::NoDevice, 2},
+                                         {Status::BadFirmwareFile, 4},
+                                         {Status::CrcAbort, 5},
+                                         {Status::InterfaceNotSupported, 9}};
     const auto found = codes.find(status);
     return found != codes.end() ? found->second : 10;
 }
@@ -561,12 +572,14 @@ int expected_device_exit(const Scenario& scenario, std::size_t transfersPerAttem
                 status = walk.status;
             }
             walk.next(Stage::Pause);
-            if (status == Status::Success || attempt >= scenario.retries()) {
+            // A time-out leaves the drive's state unknown: no retry, no activation.
+            if (status == Status::Success || status == Status::TimedOut ||
+                attempt >= scenario.retries()) {
                 break;
             }
         }
     }
-    if (scenario.activate) {
+    if (scenario.activate && status != Status::TimedOut) {
         walk.next(Stage::Activate);
         status = walk.status;
     }

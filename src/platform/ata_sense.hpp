@@ -1,11 +1,12 @@
-// Reading the drive's output registers out of the sense data that the SAT layer returns for an
-// ATA PASS-THROUGH command sent with CK_COND.
+// Reading the drive's output registers out of the sense data that a SAT layer returns for an ATA
+// PASS-THROUGH command: shared by the SCSI pass-through transport, which asks for them with
+// CK_COND, and the Linux backend, which builds the ATA pass-through's task file from them.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-namespace linux_backend {
+namespace sat {
 
 enum class AtaSenseVerdict {
     TaskFile,       // the drive's registers were found
@@ -26,10 +27,15 @@ struct AtaSenseReading {
 // Reads only the `written` bytes the kernel reported, whatever the sense data claim.
 AtaSenseReading read_ata_sense(const std::uint8_t* sense, std::size_t written);
 
+// True for the sense data a SAT layer returns for a command sent with CK_COND that the drive
+// completed without error: RECOVERED ERROR, ATA PASS-THROUGH INFORMATION AVAILABLE (00/1D), in
+// descriptor or fixed format. Its CHECK CONDITION carries registers, not a failure.
+bool sense_reports_ata_information(const std::uint8_t* sense, std::size_t written);
+
 // Linux 6.12 answers an ATA PASS-THROUGH sent without CK_COND to a drive that aborts it (an
 // ATAPI device aborting IDENTIFY DEVICE) with GOOD and no data, yet writes sense data holding
 // the abort. True when sense data written beside a GOOD status carry the drive's registers with
 // ERR or DF set in Status: the command failed, whatever the status says.
 bool sense_shows_ata_error(const std::uint8_t* sense, std::size_t written);
 
-} // namespace linux_backend
+} // namespace sat

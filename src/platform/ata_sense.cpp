@@ -1,8 +1,8 @@
-#include "platform/linux/ata_sense.hpp"
+#include "platform/ata_sense.hpp"
 
 #include <algorithm>
 
-namespace linux_backend {
+namespace sat {
 namespace {
 
 constexpr std::uint8_t kResponseCodeMask = 0x7F;
@@ -126,6 +126,33 @@ AtaSenseReading read_ata_sense(const std::uint8_t* sense, std::size_t written) {
     }
 }
 
+bool sense_reports_ata_information(const std::uint8_t* sense, std::size_t written) {
+    constexpr std::uint8_t kRecoveredError = 0x01;
+    constexpr std::uint8_t kAtaInformationAvailable = 0x1D; // ASCQ, with ASC 00
+    if (sense == nullptr || written < 4) {
+        return false;
+    }
+    std::uint8_t key = 0, asc = 0, ascq = 0;
+    switch (sense[0] & kResponseCodeMask) {
+    case kDescriptorCurrent:
+        key = sense[1];
+        asc = sense[2];
+        ascq = sense[3];
+        break;
+    case kFixedCurrent:
+        if (written < 14) {
+            return false;
+        }
+        key = sense[2];
+        asc = sense[12];
+        ascq = sense[13];
+        break;
+    default:
+        return false;
+    }
+    return (key & kSenseKeyMask) == kRecoveredError && asc == 0 && ascq == kAtaInformationAvailable;
+}
+
 bool sense_shows_ata_error(const std::uint8_t* sense, std::size_t written) {
     constexpr std::uint8_t kStatusDeviceFault = 0x20;
     constexpr std::uint8_t kStatusError = 0x01;
@@ -134,4 +161,4 @@ bool sense_shows_ata_error(const std::uint8_t* sense, std::size_t written) {
            (reading.current[Status] & (kStatusDeviceFault | kStatusError)) != 0;
 }
 
-} // namespace linux_backend
+} // namespace sat
