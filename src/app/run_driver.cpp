@@ -4,6 +4,7 @@
 
 #include "app/command_line.hpp"
 #include "app/download_screens.hpp"
+#include "app/firmware_outcome.hpp"
 #include "app/report.hpp"
 #include "app/run_driver.hpp"
 #include "csmi/csmi.hpp"
@@ -11,6 +12,7 @@
 #include "drive/identify.hpp"
 #include "drive/inquire_device.hpp"
 #include "platform/console.hpp"
+#include "platform/interrupts.hpp"
 #include "transport/transport.hpp"
 
 namespace {
@@ -59,48 +61,79 @@ Status screen_download(DeviceContext& context, const RunOptions& options,
 }
 
 // A command that timed out may have left the drive writing its flash: neither a retry nor an
-// activation goes after it.
+// activation goes after it. An interrupt ends the pause early and keeps back any retry.
 Status run_download_attempts(DeviceContext& context, const RunOptions& options,
-                             DownloadRecord& record) {
-    vendor_identify(context);
+                             FirmwareProgress& progress) {
     Status status = Status::Failed;
     std::int32_t attempt = 0;
     do {
         if (attempt > 0) {
             console::out() << "Retrying... " << attempt << std::endl;
         }
-        status = download_firmware(context, options.request, record);
+        status = download_firmware(context, options.request, progress.download);
+        progress.attempts = ++attempt;
+        progress.downloadStatus = status;
         console::out() << std::endl;
-        win32::Sleep(kPauseAfterAttemptMs);
+        if (!interrupts::pending()) {
+            win32::Sleep(kPauseAfterAttemptMs);
+        }
         console::out() << std::endl;
-        ++attempt;
     } while (status != Status::Success && status != Status::TimedOut &&
+             status != Status::Interrupted && !interrupts::pending() &&
              attempt <= options.retryCount);
+    const bool retryLeft =
+        status != Status::Success && status != Status::TimedOut && attempt <= options.retryCount;
+    if (status == Status::Interrupted || (interrupts::pending() && retryLeft)) {
+        progress.interruptKeptBack = true;
+    }
     return status;
 }
 
-Status activate(DeviceContext& context, const RunOptions& options, DownloadRecord& record) {
+Status activate(DeviceContext& context, const RunOptions& options, FirmwareProgress& progress) {
     DownloadRequest activation = options.request;
     activation.downloadMode = kModeActivate;
     activation.segmentBlocks = 0;
-    return download_firmware(context, activation, record);
+    progress.activationBegun = true;
+    progress.activationStatus = download_firmware(context, activation, progress.activation);
+    if (progress.activationStatus == Status::Interrupted) {
+        progress.interruptKeptBack = true;
+    }
+    return progress.activationStatus;
 }
 
-// After a time-out only the drive can say what it holds: the closing IDENTIFY DEVICE read it.
-void print_timeout_outcome(const DownloadRecord& record, Status identified,
-                           const DriveInfo& driveInfo) {
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "0x%02X", unsigned{record.mode});
-    std::ostream& err = console::err();
-    err << "DOWNLOAD MICROCODE mode " << mode << " (" << record.transfersSent << " of "
-        << record.transfersPlanned << ") timed out after " << record.timeoutSeconds
-        << " s; nothing more was sent. ";
-    if (identified == Status::Success) {
-        err << "The drive reports firmware revision " << driveInfo.firmwareRevision << " now.";
-    } else {
-        err << "The firmware revision could not be read afterwards (IDENTIFY DEVICE failed).";
+// Before the first firmware command an interrupt ends the run at once; true when it does.
+bool stop_before_firmware(bool watched, FirmwareProgress& progress) {
+    if (!watched || !interrupts::pending()) {
+        return false;
     }
-    err << std::endl;
+    progress.interruptKeptBack = true;
+    return true;
+}
+
+// The firmware commands and the closing IDENTIFY DEVICE, once the drive passed every screen.
+Status send_firmware(DeviceContext& context, const RunOptions& options, DriveInfo& driveInfo,
+                     FirmwareProgress& progress, Status& identified) {
+    Status status = Status::Success;
+    if ((context.interfaceKind & DownloadRequested) != 0) {
+        vendor_identify(context);
+        if (stop_before_firmware(true, progress)) {
+            return Status::Interrupted;
+        }
+        status = run_download_attempts(context, options, progress);
+    }
+    if ((context.interfaceKind & ActivateRequested) != 0 && status != Status::TimedOut) {
+        if (interrupts::pending()) {
+            progress.interruptKeptBack = true;
+        } else {
+            status = activate(context, options, progress);
+        }
+    }
+    identified = identify_device(context, driveInfo);
+    if (status == Status::TimedOut) {
+        print_timeout_outcome(progress.activationBegun ? progress.activation : progress.download,
+                              identified, driveInfo);
+    }
+    return status;
 }
 
 } // namespace
@@ -134,6 +167,8 @@ int map_status_to_exit_code(Status status) {
         return 6;
     case 13:
         return 5;
+    case 15:
+        return 3;
     default:
         return 10;
     }
@@ -156,6 +191,16 @@ int quenmark_main(int argumentCount, char** arguments) {
         return 0;
     }
 
+    // Only a run that sends firmware takes interrupts over; any other ends at once, as it always
+    // did.
+    const bool watched = (context.interfaceKind & (DownloadRequested | ActivateRequested)) != 0 &&
+                         (context.interfaceKind & InfoRequested) == 0;
+    if (watched) {
+        interrupts::watch();
+    }
+    FirmwareProgress progress = make_firmware_progress();
+    Status identified = Status::Failed;
+
     if (context.verbose != 0) {
         print_selection(options, context);
     }
@@ -164,6 +209,8 @@ int quenmark_main(int argumentCount, char** arguments) {
         (context.interfaceKind & Csmi) != 0
             ? open_csmi_device(context, options.devicePath, options.phyNumber, options.sasAddress)
             : open_device(context, options.devicePath);
+    // The stages before the first firmware command only read: an interrupt that comes during
+    // them is acted on once the screens have said whether the run would send anything at all.
     if (context.handle != INVALID_HANDLE_VALUE && status == Status::Success) {
         inquire_device(context, driveInfo);
         status = identify_device(context, driveInfo);
@@ -176,28 +223,26 @@ int quenmark_main(int argumentCount, char** arguments) {
                 return kExitInfoShown;
             }
             if (refuse_for_security(driveInfo, context)) {
+                if (watched && interrupts::pending()) {
+                    print_interrupt_outcome(progress, identified, driveInfo);
+                }
                 return kExitSecurityRefused;
             }
             status = screen_download(context, options, driveInfo);
-            if (status == Status::Success) {
-                DownloadRecord record{};
-                if ((context.interfaceKind & DownloadRequested) != 0) {
-                    status = run_download_attempts(context, options, record);
-                }
-                if ((context.interfaceKind & ActivateRequested) != 0 &&
-                    status != Status::TimedOut) {
-                    status = activate(context, options, record);
-                }
-                const Status identified = identify_device(context, driveInfo);
-                if (status == Status::TimedOut) {
-                    print_timeout_outcome(record, identified, driveInfo);
-                }
+            if (status == Status::Success && !stop_before_firmware(watched, progress)) {
+                status = send_firmware(context, options, driveInfo, progress, identified);
             }
         }
     }
 
     if (context.handle != nullptr) {
         win32::CloseHandle(context.handle);
+    }
+    if (watched && interrupts::pending()) {
+        print_interrupt_outcome(progress, identified, driveInfo);
+        if (progress.interruptKeptBack) {
+            status = Status::Interrupted;
+        }
     }
     return map_status_to_exit_code(status);
 }
