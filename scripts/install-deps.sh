@@ -5,7 +5,8 @@
 #   sim      building quenmark-sim alone (the demo)
 #   build    every preset's build and the unit tests: the sim group, GoogleTest, Google Benchmark
 #   windows  the mingw-w64 cross compiler, and Wine to run the Windows build
-#   qemu     QEMU, Debian 12's kernel, a static busybox and kmod (the kernels' module lists)
+#   qemu     QEMU, Debian 12's kernel, a static busybox, kmod (the kernels' module lists),
+#            hdparm (a peer in the VM) and what building QEMU with its download-capable disk needs
 #   fuzz     clang and its fuzzer and sanitizer runtimes
 #   fleet    ansible-core
 #   package  what cpack and the package tests use
@@ -16,7 +17,9 @@ declare -A group=(
   [build]="cmake ninja-build g++ make python3 clang-format nlohmann-json3-dev
            googletest libgtest-dev libgmock-dev libbenchmark-dev"
   [windows]="g++-mingw-w64-x86-64 wine wine64"
-  [qemu]="qemu-system-x86 linux-image-amd64 busybox-static cpio kmod"
+  [qemu]="qemu-system-x86 linux-image-amd64 busybox-static cpio kmod hdparm
+        dpkg-dev meson ninja-build pkgconf python3 libglib2.0-dev libpixman-1-dev
+        libslirp-dev libfdt-dev zlib1g-dev"
   [fuzz]="clang libclang-rt-14-dev"
   [fleet]="ansible-core"
   [package]="zip unzip dpkg-dev"

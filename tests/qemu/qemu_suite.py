@@ -15,7 +15,9 @@ Kernels:
 A case is a folder of tests/qemu/expected:
   args          one argument per line (UTF-8), without the program name
   program       run this program of the VM's /bin instead of quenmark (optional):
-                quenmark-sense-capture, which prints the sense data each kernel writes back
+                quenmark-sense-capture, which prints the sense data each kernel writes back,
+                hdparm (Debian's, with its libraries), or sh with args /cases/CASE/script
+  script        a shell script the VM gets beside args (optional)
   user          run as this user (nobody) instead of root (optional)
   hold          run in the background and start the next case this many seconds later; the
                 two then overlap (optional)
@@ -24,12 +26,25 @@ A case is a folder of tests/qemu/expected:
   ata-commands  the ATA commands libata issued during the run, one per line: port, command,
                 the task file as libata traces it, protocol (optional; an empty file says that
                 no ATA command was issued; --update rewrites only the files that exist)
+  disk          more properties of the AHCI disk (ide-hd), comma-separated, e.g.
+                download-microcode=on,dm-max-blocks=128 (optional): the cases with the same
+                disk run in a boot of their own, after those on QEMU's own disk; they need the
+                QEMU that tests/qemu/build_qemu.sh builds (--qemu)
   KERNEL/       what one kernel answers differently (6.12/stdout, say), with KERNEL/why: one
                 line saying what that kernel does differently. The files beside args hold what
                 every kernel without its own file answers.
 
 Usage: qemu_suite.py --exe build/linux/quenmark --capture build/linux/tests/quenmark-sense-capture
+                     [--qemu build/qemu/build/qemu-system-x86_64] [--image-tool IMAGE_TOOL]
+                     [--cases DIR] [--collect DIR]
                      [--kernel 6.1|6.12|all] [--update] [--keep] [CASE...]
+--qemu runs that QEMU (from its build tree, with Debian's firmware) instead of Debian's.
+--image-tool (build/linux/quenmark-sim-image) puts the download-capable disk's firmware images
+(QS_IMAGES) into the VM's working folder. --cases takes the cases from DIR instead of
+tests/qemu/expected; --collect copies what each run returned (stdout, stderr, exit, trace,
+seconds) into DIR/KERNEL/CASE, for cases that record rather than compare (a case without an
+expected exit file is then not failed), and --qemu-trace PATTERN QEMU's trace events of that
+pattern into DIR/KERNEL/qemu-trace-DISK.log. tests/qemu/measure holds such cases.
 Device names in the VM are fixed by the order in which the drivers are loaded: /dev/sda (with
 one partition, /dev/sda1) and /dev/sg0 are the AHCI disk, /dev/sr0 and /dev/sg1 the CD-ROM,
 /dev/sdb and /dev/sg2 the SCSI disk.
@@ -64,6 +79,41 @@ MODULES = ["sd_mod", "sr_mod", "sg", "ahci", "virtio_pci", "virtio_scsi"]
 
 # Firmware images in the VM's working folder: name and size. The bytes are a fixed pattern.
 IMAGES = [("fw-70000.bin", 70000), ("fw-70144.bin", 70144), ("fw-131072.bin", 131072), ("fw-1mib.bin", 1048576)]
+
+# Images the download-capable disk takes ("QSIMFW01"): name, revision, size, defect option.
+# Each revision is its own, so IDENTIFY shows which image a run applied.
+QS_IMAGES = [
+    ("qs-70000-a.bin", "QMA70000", 70000, None),
+    ("qs-70000-b.bin", "QMB70000", 70000, None),
+    ("qs-70000-c.bin", "QMC70000", 70000, None),
+    ("qs-70000-d.bin", "QMD70000", 70000, None),
+    ("qs-70000-e.bin", "QME70000", 70000, None),
+    ("qs-70000-f.bin", "QMF70000", 70000, None),
+    ("qs-70000-g.bin", "QMG70000", 70000, None),
+    ("qs-70000-h.bin", "QMH70000", 70000, None),
+    ("qs-70000-i.bin", "QMI70000", 70000, None),
+    ("qs-70000-j.bin", "QMJ70000", 70000, None),
+    ("qs-70000-k.bin", "QMK70000", 70000, None),
+    ("qs-70000-l.bin", "QML70000", 70000, None),
+    ("qs-70000-m.bin", "QMM70000", 70000, None),
+    ("qs-65536-a.bin", "QMA65536", 65536, None),
+    ("qs-65536-b.bin", "QMB65536", 65536, None),
+    ("qs-65536-c.bin", "QMC65536", 65536, None),
+    ("qs-65536-d.bin", "QMD65536", 65536, None),
+    ("qs-65536-e.bin", "QME65536", 65536, None),
+    ("qs-65536-f.bin", "QMF65536", 65536, None),
+    ("qs-65536-g.bin", "QMG65536", 65536, None),
+    ("qs-65536-h.bin", "QMH65536", 65536, None),
+    ("qs-65536-i.bin", "QMI65536", 65536, None),
+    ("qs-65536-j.bin", "QMJ65536", 65536, None),
+    ("qs-65536-k.bin", "QMK65536", 65536, None),
+    ("qs-65536-l.bin", "QML65536", 65536, None),
+    ("qs-65536-m.bin", "QMM65536", 65536, None),
+    ("qs-65536-badcrc.bin", "QMBADCRC", 65536, "--bad-crc"),
+    ("qs-131072-a.bin", "QMA131K", 131072, None),
+    ("qs-70000-badcrc.bin", "QMBADCRC", 70000, "--bad-crc"),
+    ("qs-70000-badmagic.bin", "QMBADMAG", 70000, "--bad-magic"),
+]
 
 # Under software emulation the VM comes up in about 10 s and runs every case in about 20 s more.
 UP_TIMEOUT = 90
@@ -281,7 +331,36 @@ def find_cases(names):
     return cases
 
 
-def build_initramfs(exe, capture, modules, cases):
+def peer_files():
+    """Debian's hdparm and the shared libraries it loads, as (path in the VM, bytes, mode)."""
+    hdparm = shutil.which("hdparm") or "/usr/sbin/hdparm"
+    if not os.path.exists(hdparm):
+        return []
+    files = [("bin/hdparm", hdparm)]
+    listed = subprocess.run(["ldd", hdparm], stdout=subprocess.PIPE, text=True, check=True).stdout
+    for path in re.findall(r"(/\S+) \(0x", listed):
+        files.append((path.lstrip("/"), path))
+    found = []
+    for target, source in files:
+        with open(os.path.realpath(source), "rb") as f:
+            found.append((target, f.read(), 0o755))
+    return found
+
+
+def qs_images(tool):
+    """The download-capable disk's images, made by quenmark-sim-image."""
+    made = []
+    with tempfile.TemporaryDirectory() as folder:
+        for name, revision, size, defect in QS_IMAGES:
+            path = os.path.join(folder, name)
+            subprocess.run([tool, "--revision", revision, "--size", str(size), "-o", path] +
+                           ([defect] if defect else []), check=True, stdout=subprocess.DEVNULL)
+            with open(path, "rb") as f:
+                made.append((name, f.read()))
+    return made
+
+
+def build_initramfs(exe, capture, modules, cases, image_tool=None):
     with open("/bin/busybox", "rb") as f:
         if b"ld-linux" in f.read(1 << 16):
             fail("/bin/busybox is not the static one (apt-get install busybox-static)")
@@ -307,9 +386,21 @@ def build_initramfs(exe, capture, modules, cases):
     archive.file("modules/order", ("\n".join(names) + "\n").encode())
     for name, size in IMAGES:
         archive.file("work/" + name, image_bytes(size))
+    if image_tool:
+        for name, data in qs_images(image_tool):
+            archive.file("work/" + name, data)
+    made = set()
+    for target, data, mode in peer_files():
+        parts = target.split("/")
+        for i in range(1, len(parts)):
+            folder = "/".join(parts[:i])
+            if folder not in made and folder not in ("bin",):
+                archive.directory(folder)
+                made.add(folder)
+        archive.file(target, data, mode)
     for case in cases:
         archive.directory("cases/" + case)
-        for item in ("args", "program", "user", "hold"):
+        for item in ("args", "program", "user", "hold", "script"):
             path = os.path.join(EXPECTED, case, item)
             if os.path.exists(path):
                 with open(path, "rb") as f:
@@ -318,7 +409,11 @@ def build_initramfs(exe, capture, modules, cases):
     return archive.finish()
 
 
-def run_vm(kernel, initramfs, work):
+QEMU = "qemu-system-x86_64"
+QEMU_TRACE = None
+
+
+def run_vm(kernel, initramfs, work, disk=""):
     for name in ("ahci-disk.img", "scsi-disk.img"):
         with open(os.path.join(work, name), "wb") as f:
             f.truncate(DISK_BYTES)
@@ -331,21 +426,26 @@ def run_vm(kernel, initramfs, work):
     console = os.path.join(work, "console.log")
     results = os.path.join(work, "results.txt")
     command = [
-        "qemu-system-x86_64", "-machine", "pc", "-accel", "tcg", "-m", "256", "-smp", "1",
+        QEMU, "-machine", "pc", "-accel", "tcg", "-m", "256", "-smp", "1",
         "-nodefaults", "-no-reboot", "-display", "none",
         "-kernel", kernel, "-initrd", initrd,
         "-append", "console=ttyS0 panic=-1 rdinit=/init scsi_mod.scan=sync loglevel=4",
         "-serial", "file:" + console, "-serial", "file:" + results,
         "-device", "ahci,id=ahci",
         "-drive", "if=none,id=disk0,format=raw,file=" + os.path.join(work, "ahci-disk.img"),
-        "-device", "ide-hd,drive=disk0,bus=ahci.0,model=%s,serial=%s,ver=%s" % (
-            DISK_MODEL, DISK_SERIAL, DISK_FIRMWARE),
+        "-device", "ide-hd,drive=disk0,bus=ahci.0,model=%s,serial=%s,ver=%s%s" % (
+            DISK_MODEL, DISK_SERIAL, DISK_FIRMWARE, "," + disk if disk else ""),
         "-drive", "if=none,id=cd0,media=cdrom",
         "-device", "ide-cd,drive=cd0,bus=ahci.1",
         "-device", "virtio-scsi-pci,id=vscsi",
         "-drive", "if=none,id=disk1,format=raw,file=" + os.path.join(work, "scsi-disk.img"),
         "-device", "scsi-hd,drive=disk1,bus=vscsi.0",
     ]
+    if QEMU != "qemu-system-x86_64":
+        # A QEMU run from its build tree finds Debian's firmware only when told where it is.
+        command += ["-L", "/usr/share/seabios", "-L", "/usr/share/qemu"]
+    if QEMU_TRACE:
+        command += ["-trace", "enable=%s,file=%s" % (QEMU_TRACE, os.path.join(work, "qemu-trace.log"))]
     started = time.monotonic()
     vm = subprocess.Popen(command, stdin=subprocess.DEVNULL)
     came_up = None
@@ -368,7 +468,7 @@ def run_vm(kernel, initramfs, work):
         fail("%s (console above)" % error)
     if vm.returncode != 0:
         print(tail(console))
-        fail("qemu-system-x86_64 failed with exit code %d" % vm.returncode)
+        fail("%s failed with exit code %d" % (QEMU, vm.returncode))
     if came_up is not None:
         print("VM: up after %.1f s" % came_up)
     elapsed = time.monotonic() - started
@@ -461,15 +561,41 @@ def check_notes(cases):
     return problems
 
 
+def case_disk(case):
+    path = os.path.join(EXPECTED, case, "disk")
+    if not os.path.exists(path):
+        return ""
+    with open(path) as f:
+        return f.read().strip()
+
+
 def run_kernel(kernel, options, cases):
-    """Boots kernel once, runs every case and compares; returns (passed, failed)."""
+    """Boots kernel once for each disk the cases name, runs every case and compares; returns
+    (passed, failed)."""
+    disks = []
+    for case in cases:
+        if case_disk(case) not in disks:
+            disks.append(case_disk(case))
+    passed = failed = 0
+    for disk in sorted(disks, key=lambda d: (d != "", d)):
+        p, f = run_disk(kernel, options, [c for c in cases if case_disk(c) == disk], disk)
+        passed, failed = passed + p, failed + f
+    return passed, failed
+
+
+def run_disk(kernel, options, cases, disk):
     modules = module_files(kernel.modules_root, MODULES)
-    initramfs = build_initramfs(options.exe, options.capture, modules, cases)
+    initramfs = build_initramfs(options.exe, options.capture, modules, cases, options.image_tool)
     work = tempfile.mkdtemp(prefix="quenmark-qemu-%s." % kernel.label)
-    print("kernel %s (%s), %d modules, %d cases, initramfs %d KiB" % (
-        kernel.label, kernel.version, len(modules), len(cases), len(initramfs) // 1024))
-    archive, elapsed, console = run_vm(kernel.image, initramfs, work)
+    print("kernel %s (%s), %d modules, %d cases, initramfs %d KiB%s" % (
+        kernel.label, kernel.version, len(modules), len(cases), len(initramfs) // 1024,
+        ", disk " + disk if disk else ""))
+    archive, elapsed, console = run_vm(kernel.image, initramfs, work, disk)
     print("VM %s: ran every case and powered off after %.1f s" % (kernel.label, elapsed))
+    if options.collect and QEMU_TRACE:
+        os.makedirs(os.path.join(options.collect, kernel.label), exist_ok=True)
+        shutil.copyfile(os.path.join(work, "qemu-trace.log"), os.path.join(
+            options.collect, kernel.label, "qemu-trace-%s.log" % (disk or "default")))
 
     def got(case, name):
         try:
@@ -487,6 +613,17 @@ def run_kernel(kernel, options, cases):
             continue
         result["stdout"] = normalise_date(result["stdout"])
         result["ata-commands"] = normalise_trace(result["trace"] or b"")
+        if options.collect:
+            folder = os.path.join(options.collect, kernel.label, case)
+            os.makedirs(folder, exist_ok=True)
+            for name in ("stdout", "stderr", "exit", "trace", "seconds", "ata-commands"):
+                with open(os.path.join(folder, name), "wb") as f:
+                    f.write(result[name] or b"")
+            if not os.path.exists(os.path.join(EXPECTED, case, "exit")):
+                passed += 1
+                print("got  %s %s (%s s)" % (kernel.label, case,
+                                             (result["seconds"] or b"?").decode().strip()))
+                continue
         failures = []
         for name in RESULT_FILES:
             if options.update:
@@ -526,12 +663,25 @@ def main():
     parser.add_argument("--update", action="store_true",
                         help="write what the VM returned as the expected files")
     parser.add_argument("--keep", action="store_true", help="keep the work folder")
+    parser.add_argument("--qemu", help="the QEMU to run (default: Debian's qemu-system-x86_64)")
+    parser.add_argument("--image-tool", help="quenmark-sim-image, to put QS_IMAGES into the VM")
+    parser.add_argument("--cases", dest="cases_dir",
+                        help="the folder of cases (default: tests/qemu/expected)")
+    parser.add_argument("--collect", help="copy what each case returned into this folder")
+    parser.add_argument("--qemu-trace", help="QEMU trace events to record (a pattern), copied "
+                        "beside the collected results")
     parser.add_argument("cases", nargs="*")
     options = parser.parse_args()
     for program in (options.exe, options.capture):
         if not os.access(program, os.X_OK):
             fail("no executable " + program)
 
+    global EXPECTED, QEMU, QEMU_TRACE
+    if options.cases_dir:
+        EXPECTED = os.path.abspath(options.cases_dir)
+    if options.qemu:
+        QEMU = os.path.abspath(options.qemu)
+    QEMU_TRACE = options.qemu_trace
     begun = time.monotonic()
     cases = find_cases(options.cases)
     labels = KERNELS if options.kernel == "all" else (options.kernel,)
