@@ -4,8 +4,10 @@
 
 #include "app/command_line.hpp"
 #include "app/download_screens.hpp"
+#include "app/json_report.hpp"
 #include "app/report.hpp"
 #include "app/run_driver.hpp"
+#include "app/run_record.hpp"
 #include "csmi/csmi.hpp"
 #include "drive/download_firmware.hpp"
 #include "drive/identify.hpp"
@@ -39,6 +41,7 @@ bool refuse_for_security(const DriveInfo& driveInfo, const DeviceContext& contex
         return false;
     }
     if (context.verbose != 0) {
+        const console::Message line(console::Severity::Error);
         console::out() << message << std::endl;
     }
     return true;
@@ -47,7 +50,7 @@ bool refuse_for_security(const DriveInfo& driveInfo, const DeviceContext& contex
 // A download or an activation goes out only to an ATA drive, and only in data phases that the
 // adapter carries; a refusal ends the run before any firmware command, the activation included.
 Status screen_download(DeviceContext& context, const RunOptions& options,
-                       const DriveInfo& driveInfo) {
+                       const DriveInfo& driveInfo, AdapterLimit& limit) {
     if ((context.interfaceKind & (DownloadRequested | ActivateRequested)) == 0) {
         return Status::Success;
     }
@@ -55,21 +58,47 @@ Status screen_download(DeviceContext& context, const RunOptions& options,
     if (device != Status::Success) {
         return device;
     }
-    return screen_transfer_limit(context, options);
+    return screen_transfer_limit(context, options, limit);
+}
+
+// The command that failed the run, kept before any later command replaces what the transport
+// left in the context.
+void keep_failed_command(RunRecord& run, const DeviceContext& context, Status status) {
+    run.failedCommandKept = true;
+    run.failedCommand = FailedCommand{context.registers, context.lastError,
+                                      status == Status::TimedOut, context.returned, context.sense};
+}
+
+// A call of the download engine, in the record: the image it read, the commands it sent, and
+// the command that failed it.
+void note_download_call(RunRecord& run, const DeviceContext& context, const DownloadRecord& call,
+                        Status status) {
+    run.firmwareCommandsSent += call.transfersSent;
+    if (call.imageRead && call.mode != kModeActivate) {
+        run.imageRead = true;
+        run.imageBytes = call.imageBytes;
+        run.imageSha256 = call.imageSha256;
+    }
+    if (status != Status::Success && call.transfersSent != 0) {
+        keep_failed_command(run, context, status);
+    }
 }
 
 // A command that timed out may have left the drive writing its flash: neither a retry nor an
 // activation goes after it.
-Status run_download_attempts(DeviceContext& context, const RunOptions& options,
-                             DownloadRecord& record) {
+Status run_download_attempts(DeviceContext& context, const RunOptions& options, RunRecord& run) {
     vendor_identify(context);
     Status status = Status::Failed;
     std::int32_t attempt = 0;
+    DownloadRecord& record = run.download;
     do {
         if (attempt > 0) {
+            const console::Message message(console::Severity::Warning);
             console::out() << "Retrying... " << attempt << std::endl;
         }
         status = download_firmware(context, options.request, record);
+        run.attempts = attempt + 1;
+        note_download_call(run, context, record, status);
         console::out() << std::endl;
         win32::Sleep(kPauseAfterAttemptMs);
         console::out() << std::endl;
@@ -79,11 +108,15 @@ Status run_download_attempts(DeviceContext& context, const RunOptions& options,
     return status;
 }
 
-Status activate(DeviceContext& context, const RunOptions& options, DownloadRecord& record) {
+Status activate(DeviceContext& context, const RunOptions& options, RunRecord& run) {
     DownloadRequest activation = options.request;
     activation.downloadMode = kModeActivate;
     activation.segmentBlocks = 0;
-    return download_firmware(context, activation, record);
+    const Status status = download_firmware(context, activation, run.activation);
+    run.activationSent = run.activation.transfersSent != 0;
+    run.activationCompleted = status == Status::Success;
+    note_download_call(run, context, run.activation, status);
+    return status;
 }
 
 // After a time-out only the drive can say what it holds: the closing IDENTIFY DEVICE read it.
@@ -91,6 +124,7 @@ void print_timeout_outcome(const DownloadRecord& record, Status identified,
                            const DriveInfo& driveInfo) {
     char mode[8];
     std::snprintf(mode, sizeof mode, "0x%02X", unsigned{record.mode});
+    const console::Message message(console::Severity::Error);
     std::ostream& err = console::err();
     err << "DOWNLOAD MICROCODE mode " << mode << " (" << record.transfersSent << " of "
         << record.transfersPlanned << ") timed out after " << record.timeoutSeconds
@@ -102,6 +136,38 @@ void print_timeout_outcome(const DownloadRecord& record, Status identified,
     }
     err << std::endl;
 }
+
+// The device as the command line names it, and the CSMI phy and address once the port opened.
+void note_device(RunRecord& run, const DeviceContext& context, const RunOptions& options,
+                 bool selected) {
+    run.deviceNamed = true;
+    run.devicePath = options.devicePath;
+    run.interfaceKind = context.interfaceKind & (ScsiPassThrough | AtaPassThrough | Csmi);
+    if ((context.interfaceKind & Csmi) == 0) {
+        return;
+    }
+    run.phyNumber = options.phyNumber;
+    const std::uint8_t zero[8] = {};
+    run.sasAddressKnown = std::memcmp(options.sasAddress, zero, sizeof zero) != 0;
+    std::memcpy(run.sasAddress, options.sasAddress, sizeof run.sasAddress);
+    if (selected) {
+        CSMI_SAS_PHY_ENTITY phy;
+        std::memcpy(&phy, context.phyEntity, sizeof phy);
+        run.sasAddressKnown = true;
+        std::memcpy(run.sasAddress, phy.Attached.bSASAddress, sizeof run.sasAddress);
+    }
+}
+
+void note_request(RunRecord& run, const DeviceContext& context, const RunOptions& options) {
+    run.downloadAsked = (context.interfaceKind & DownloadRequested) != 0;
+    run.activationAsked = (context.interfaceKind & ActivateRequested) != 0;
+    run.imagePath = options.request.fileName;
+    run.request = options.request;
+    run.retryCount = options.retryCount;
+}
+
+int run(const CommandLine& commandLine, int argumentCount, const char* programName,
+        RunRecord& record);
 
 } // namespace
 
@@ -139,20 +205,50 @@ int map_status_to_exit_code(Status status) {
     }
 }
 
+// A document instead of the console texts: standard output holds it alone, the lines that go to
+// standard error still do, and every error and warning line is kept in it.
 int quenmark_main(int argumentCount, char** arguments) {
+    const char* programName = argumentCount > 0 ? arguments[0] : "";
+    const CommandLine commandLine = read_command_line(argumentCount, arguments);
+    RunRecord record;
+    record.arguments = commandLine.typed;
+    if (!commandLine.json) {
+        return run(commandLine, argumentCount, programName, record);
+    }
+    console::mute_standard_output(true);
+    console::set_message_listener([&record](console::Severity severity, std::string text) {
+        record.messages.push_back(RecordedMessage{severity, std::move(text)});
+    });
+    const int exitCode = run(commandLine, argumentCount, programName, record);
+    console::set_message_listener(nullptr);
+    console::mute_standard_output(false);
+    record.exitCode = exitCode;
+    record.result = judge_run(record, exitCode);
+    write_json_report(record);
+    return exitCode;
+}
+
+namespace {
+
+int run(const CommandLine& commandLine, int argumentCount, const char* programName,
+        RunRecord& record) {
     DeviceContext context = make_device_context();
     RunOptions options = make_run_options();
     DriveInfo driveInfo;
 
-    const char* programName = argumentCount > 0 ? arguments[0] : "";
-    const ParseResult parsed = parse_command_line(argumentCount, programName, context, options);
+    const ParseResult parsed =
+        parse_command_line(commandLine, argumentCount, programName, context, options);
     if (!parsed.proceed) {
+        record.refused = true;
         return parsed.exitCode;
     }
+    options.request.digestImage = commandLine.json;
+    note_request(record, context, options);
 
     if ((context.interfaceKind & ScanRequested) != 0) {
         print_banner();
-        scan_csmi_devices(context.verbose);
+        record.scanned = true;
+        scan_csmi_devices(context.verbose, record.scan);
         return 0;
     }
 
@@ -164,23 +260,31 @@ int quenmark_main(int argumentCount, char** arguments) {
         (context.interfaceKind & Csmi) != 0
             ? open_csmi_device(context, options.devicePath, options.phyNumber, options.sasAddress)
             : open_device(context, options.devicePath);
+    note_device(record, context, options, status == Status::Success);
     if (context.handle != INVALID_HANDLE_VALUE && status == Status::Success) {
         inquire_device(context, driveInfo);
         status = identify_device(context, driveInfo);
-        if (status == Status::Success) {
+        if (status != Status::Success) {
+            keep_failed_command(record, context, status);
+        } else {
+            record.identified = true;
+            record.drive = driveInfo;
             if ((context.interfaceKind & InfoRequested) != 0 || context.verbose != 0) {
                 print_drive_report(driveInfo, options.request.segmentBlocks);
             }
             // The handle of these two ends is released with the process.
             if ((context.interfaceKind & InfoRequested) != 0) {
+                record.reportShown = true;
                 return kExitInfoShown;
             }
             if (refuse_for_security(driveInfo, context)) {
+                record.refused = true;
                 return kExitSecurityRefused;
             }
-            status = screen_download(context, options, driveInfo);
-            if (status == Status::Success) {
-                DownloadRecord record{};
+            status = screen_download(context, options, driveInfo, record.adapterLimit);
+            if (status != Status::Success) {
+                record.refused = true;
+            } else {
                 if ((context.interfaceKind & DownloadRequested) != 0) {
                     status = run_download_attempts(context, options, record);
                 }
@@ -188,9 +292,14 @@ int quenmark_main(int argumentCount, char** arguments) {
                     status != Status::TimedOut) {
                     status = activate(context, options, record);
                 }
+                record.refused = status == Status::BadFirmwareFile;
                 const Status identified = identify_device(context, driveInfo);
+                record.firmwareAfterRead = identified == Status::Success;
+                record.firmwareAfter = driveInfo.firmwareRevision;
                 if (status == Status::TimedOut) {
-                    print_timeout_outcome(record, identified, driveInfo);
+                    print_timeout_outcome(record.activationSent ? record.activation
+                                                                : record.download,
+                                          identified, driveInfo);
                 }
             }
         }
@@ -201,3 +310,5 @@ int quenmark_main(int argumentCount, char** arguments) {
     }
     return map_status_to_exit_code(status);
 }
+
+} // namespace

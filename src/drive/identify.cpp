@@ -44,6 +44,7 @@ Status identify_device(DeviceContext& context, DriveInfo& driveInfo) {
     const Status status = send_ata_command(context);
     if (status != Status::Success) {
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             console::printf("ATA IDENTIFY (0xEC) command failed [0x%x]\n", context.lastError);
         }
         return status;
@@ -55,6 +56,8 @@ Status identify_device(DeviceContext& context, DriveInfo& driveInfo) {
 
     driveInfo.generalConfiguration = word_at(data, 0);
     driveInfo.securityWord = word_at(data, 128);
+    const std::uint16_t commandSets = word_at(data, 83);
+    driveInfo.dmSupported = (commandSets & 0xC000) == 0x4000 && (commandSets & 1) != 0;
     driveInfo.dmDmaSupported = (word_at(data, 69) >> 8) & 1;
     driveInfo.dmMode3Supported = (word_at(data, 119) >> 4) & 1;
     driveInfo.dmMinBlocks = word_at(data, 234);
