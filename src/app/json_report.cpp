@@ -151,10 +151,6 @@ Json image_object(const RunRecord& record) {
     return image;
 }
 
-Json count_value(const DownloadRecord& call) {
-    return call.countReturned ? Json(call.count) : Json(nullptr);
-}
-
 Json download_object(const RunRecord& record) {
     Json download = Json::object();
     const DownloadRecord& last = record.download;
@@ -166,7 +162,7 @@ Json download_object(const RunRecord& record) {
     download["transfers_planned"] = last.transfersPlanned;
     download["transfers_sent"] = last.transfersSent;
     download["timed_out"] = last.timedOut;
-    download["count"] = count_value(last);
+    download["count"] = record.downloadCountIsStatus ? Json(last.count) : Json(nullptr);
     if (record.adapterLimit.asked) {
         download["adapter_limit_bytes"] =
             record.adapterLimit.answered ? Json(record.adapterLimit.bytes) : Json(nullptr);
@@ -176,7 +172,8 @@ Json download_object(const RunRecord& record) {
             {"sent", record.activationSent},
             {"completed", record.activationCompleted},
             {"timed_out", record.activation.timedOut},
-            {"count", count_value(record.activation)},
+            {"count",
+             record.activationCountIsStatus ? Json(record.activation.count) : Json(nullptr)},
         };
     }
     return download;

@@ -21,10 +21,10 @@ RunResult judge_run(const RunRecord& record, int exitCode) {
             return RunResult::Identified;
         }
         const DownloadRecord& download = record.download;
-        if (download.countReturned && download.count == kDownloadSaved) {
+        if (record.downloadCountIsStatus && download.count == kDownloadSaved) {
             return RunResult::Saved;
         }
-        if (download.countReturned && download.count == kDownloadApplied) {
+        if (record.downloadCountIsStatus && download.count == kDownloadApplied) {
             return RunResult::Updated;
         }
         return download.mode == kModeDeferred ? RunResult::Saved : RunResult::Updated;

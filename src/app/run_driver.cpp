@@ -70,9 +70,11 @@ void keep_failed_command(RunRecord& run, const DeviceContext& context, Status st
 }
 
 // A call of the download engine, in the record: the image it read, the commands it sent, and
-// the command that failed it.
-void note_download_call(RunRecord& run, const DeviceContext& context, const DownloadRecord& call,
+// the command that failed it. The Count of a command the drive ended with ERR or DF is no
+// download status; it stays with the failed command's registers.
+bool note_download_call(RunRecord& run, const DeviceContext& context, const DownloadRecord& call,
                         Status status) {
+    constexpr std::uint8_t kErrorOrDeviceFault = 0x21;
     run.firmwareCommandsSent += call.transfersSent;
     if (call.imageRead && call.mode != kModeActivate) {
         run.imageRead = true;
@@ -82,6 +84,7 @@ void note_download_call(RunRecord& run, const DeviceContext& context, const Down
     if (status != Status::Success && call.transfersSent != 0) {
         keep_failed_command(run, context, status);
     }
+    return call.countReturned && (context.returned.status & kErrorOrDeviceFault) == 0;
 }
 
 // A command that timed out may have left the drive writing its flash: neither a retry nor an
@@ -98,7 +101,7 @@ Status run_download_attempts(DeviceContext& context, const RunOptions& options, 
         }
         status = download_firmware(context, options.request, record);
         run.attempts = attempt + 1;
-        note_download_call(run, context, record, status);
+        run.downloadCountIsStatus = note_download_call(run, context, record, status);
         console::out() << std::endl;
         win32::Sleep(kPauseAfterAttemptMs);
         console::out() << std::endl;
@@ -115,7 +118,7 @@ Status activate(DeviceContext& context, const RunOptions& options, RunRecord& ru
     const Status status = download_firmware(context, activation, run.activation);
     run.activationSent = run.activation.transfersSent != 0;
     run.activationCompleted = status == Status::Success;
-    note_download_call(run, context, run.activation, status);
+    run.activationCountIsStatus = note_download_call(run, context, run.activation, status);
     return status;
 }
 
@@ -293,8 +296,11 @@ int run(const CommandLine& commandLine, int argumentCount, const char* programNa
                     status = activate(context, options, record);
                 }
                 record.refused = status == Status::BadFirmwareFile;
+                // The closing IDENTIFY DEVICE goes out with the registers the last command left:
+                // after a download refused before its first command, the vendor identify's.
+                const bool vendorData = is_vendor_identify(context.registers);
                 const Status identified = identify_device(context, driveInfo);
-                record.firmwareAfterRead = identified == Status::Success;
+                record.firmwareAfterRead = identified == Status::Success && !vendorData;
                 record.firmwareAfter = driveInfo.firmwareRevision;
                 if (status == Status::TimedOut) {
                     print_timeout_outcome(record.activationSent ? record.activation

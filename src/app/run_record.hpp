@@ -66,14 +66,17 @@ struct RunRecord {
     std::int32_t retryCount = 0;
     AdapterLimit adapterLimit{};
     std::int32_t attempts = 0;
-    DownloadRecord download{}; // the last attempt
-    bool imageRead = false;    // by any attempt; its size and digest follow
+    DownloadRecord download{};          // the last attempt
+    bool downloadCountIsStatus = false; // its last command ended without ERR or DF: Count says
+                                        // what the drive made of the image
+    bool imageRead = false;             // by any attempt; its size and digest follow
     std::uint32_t imageBytes = 0;
     Sha256Digest imageSha256{};
     std::uint32_t firmwareCommandsSent = 0; // every DOWNLOAD MICROCODE, the activation included
     bool activationSent = false;
     bool activationCompleted = false;
     DownloadRecord activation{};
+    bool activationCountIsStatus = false;
 
     // The revision the drive reports in the run's closing IDENTIFY DEVICE.
     bool firmwareAfterRead = false;

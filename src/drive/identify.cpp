@@ -11,6 +11,10 @@ constexpr std::uint8_t kReadLogExt = 0x2F;
 constexpr std::uint8_t kIdentifyDeviceDataLog = 0x30;
 constexpr std::uint8_t kSupportedCapabilitiesPage = 0x03;
 constexpr std::uint32_t kSectorBytes = 512;
+constexpr std::uint8_t kVendorFeatures = 0x0B;
+constexpr std::uint8_t kVendorLbaLow = 0xDB;
+constexpr std::uint8_t kVendorLbaMid = 0x97;
+constexpr std::uint8_t kVendorLbaHigh = 0x20;
 
 std::uint16_t word_at(const std::uint8_t* data, int word) {
     return static_cast<std::uint16_t>(data[2 * word] | (data[2 * word + 1] << 8));
@@ -103,11 +107,16 @@ void read_dm_capabilities(DeviceContext& context, DriveInfo& driveInfo) {
 Status vendor_identify(DeviceContext& context) {
     std::uint8_t data[kSectorBytes] = {};
     context.registers.command = kIdentifyDevice;
-    context.registers.features = 0x0B;
+    context.registers.features = kVendorFeatures;
     context.registers.count = 1;
-    context.registers.lbaLow = 0xDB;
-    context.registers.lbaMid = 0x97;
-    context.registers.lbaHigh = 0x20;
+    context.registers.lbaLow = kVendorLbaLow;
+    context.registers.lbaMid = kVendorLbaMid;
+    context.registers.lbaHigh = kVendorLbaHigh;
     prepare_data_in(context, data, Ata28);
     return send_ata_command(context);
+}
+
+bool is_vendor_identify(const AtaRegisters& registers) {
+    return registers.features == kVendorFeatures && registers.lbaLow == kVendorLbaLow &&
+           registers.lbaMid == kVendorLbaMid && registers.lbaHigh == kVendorLbaHigh;
 }
