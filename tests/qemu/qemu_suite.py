@@ -27,6 +27,8 @@ A case is a folder of tests/qemu/expected:
   KERNEL/       what one kernel answers differently (6.12/stdout, say), with KERNEL/why: one
                 line saying what that kernel does differently. The files beside args hold what
                 every kernel without its own file answers.
+  pending       the case needs what the VM does not have yet; its first line says what. It is
+                listed as skipped unless named on the command line (optional)
 
 Usage: qemu_suite.py --exe build/linux/quenmark --capture build/linux/tests/quenmark-sense-capture
                      [--kernel 6.1|6.12|all] [--update] [--keep] [CASE...]
@@ -277,8 +279,9 @@ def find_cases(names):
         unknown = [n for n in names if n not in cases]
         if unknown:
             fail("no such case: " + " ".join(unknown))
-        cases = [c for c in cases if c in names]
-    return cases
+        return [c for c in cases if c in names], []
+    pending = [c for c in cases if os.path.exists(os.path.join(EXPECTED, c, "pending"))]
+    return [c for c in cases if c not in pending], pending
 
 
 def build_initramfs(exe, capture, modules, cases):
@@ -461,6 +464,20 @@ def check_notes(cases):
     return problems
 
 
+def schema_problems(stdout):
+    """A --json run's document against docs/quenmark.schema.json (python3-jsonschema)."""
+    import json
+    import jsonschema
+    with open(os.path.join(HERE, "..", "..", "docs", "quenmark.schema.json"), encoding="utf-8") as f:
+        validator = jsonschema.Draft202012Validator(json.load(f))
+    try:
+        document = json.loads(stdout.decode("utf-8"))
+    except ValueError as error:
+        return ["stdout is no JSON document: %s" % error]
+    return ["schema: %s at /%s" % (e.message, "/".join(map(str, e.path)))
+            for e in validator.iter_errors(document)]
+
+
 def run_kernel(kernel, options, cases):
     """Boots kernel once, runs every case and compares; returns (passed, failed)."""
     modules = module_files(kernel.modules_root, MODULES)
@@ -503,6 +520,9 @@ def run_kernel(kernel, options, cases):
                 failures.append("%s differs\n--- expected (%s)\n%s\n--- got\n%s" % (
                     name, os.path.relpath(path, EXPECTED), expected.decode("utf-8", "replace"),
                     result[name].decode("utf-8", "replace")))
+        with open(os.path.join(EXPECTED, case, "args"), encoding="utf-8") as f:
+            if "--json" in f.read().split("\n"):
+                failures += schema_problems(result["stdout"])
         seconds = (result["seconds"] or b"?").decode().strip()
         if failures:
             failed += 1
@@ -533,7 +553,10 @@ def main():
             fail("no executable " + program)
 
     begun = time.monotonic()
-    cases = find_cases(options.cases)
+    cases, pending = find_cases(options.cases)
+    for case in pending:
+        with open(os.path.join(EXPECTED, case, "pending")) as f:
+            print("SKIP %s (pending: %s)" % (case, f.readline().strip()))
     labels = KERNELS if options.kernel == "all" else (options.kernel,)
     kernels = [host_kernel() if label == "6.1" else fetched_kernel() for label in labels]
     passed = failed = 0
@@ -546,7 +569,8 @@ def main():
     for problem in check_notes(cases):
         failed += 1
         print("FAIL " + problem)
-    print("%d passed, %d failed (%.1f s in all)" % (passed, failed, time.monotonic() - begun))
+    print("%d passed, %d failed%s (%.1f s in all)" % (
+        passed, failed, ", %d skipped" % len(pending) if pending else "", time.monotonic() - begun))
     return 1 if failed or not cases else 0
 
 
