@@ -4,6 +4,7 @@
 
 #include "app/command_line.hpp"
 #include "app/download_screens.hpp"
+#include "app/firmware_outcome.hpp"
 #include "app/json_report.hpp"
 #include "app/report.hpp"
 #include "app/run_driver.hpp"
@@ -13,6 +14,7 @@
 #include "drive/identify.hpp"
 #include "drive/inquire_device.hpp"
 #include "platform/console.hpp"
+#include "platform/interrupts.hpp"
 #include "transport/transport.hpp"
 
 namespace {
@@ -81,63 +83,102 @@ bool note_download_call(RunRecord& run, const DeviceContext& context, const Down
         run.imageBytes = call.imageBytes;
         run.imageSha256 = call.imageSha256;
     }
-    if (status != Status::Success && call.transfersSent != 0) {
+    if (status != Status::Success && status != Status::Interrupted && call.transfersSent != 0) {
         keep_failed_command(run, context, status);
     }
     return call.countReturned && (context.returned.status & kErrorOrDeviceFault) == 0;
 }
 
 // A command that timed out may have left the drive writing its flash: neither a retry nor an
-// activation goes after it.
-Status run_download_attempts(DeviceContext& context, const RunOptions& options, RunRecord& run) {
-    vendor_identify(context);
+// activation goes after it. An interrupt ends the pause early and keeps back any retry.
+Status run_download_attempts(DeviceContext& context, const RunOptions& options,
+                             FirmwareProgress& progress, RunRecord& run) {
     Status status = Status::Failed;
     std::int32_t attempt = 0;
-    DownloadRecord& record = run.download;
     do {
         if (attempt > 0) {
             const console::Message message(console::Severity::Warning);
             console::out() << "Retrying... " << attempt << std::endl;
         }
-        status = download_firmware(context, options.request, record);
-        run.attempts = attempt + 1;
-        run.downloadCountIsStatus = note_download_call(run, context, record, status);
+        status = download_firmware(context, options.request, progress.download);
+        progress.attempts = ++attempt;
+        progress.downloadStatus = status;
+        run.attempts = attempt;
+        run.download = progress.download;
+        run.downloadCountIsStatus = note_download_call(run, context, progress.download, status);
         console::out() << std::endl;
-        win32::Sleep(kPauseAfterAttemptMs);
+        if (!interrupts::pending()) {
+            win32::Sleep(kPauseAfterAttemptMs);
+        }
         console::out() << std::endl;
-        ++attempt;
     } while (status != Status::Success && status != Status::TimedOut &&
+             status != Status::Interrupted && !interrupts::pending() &&
              attempt <= options.retryCount);
+    const bool retryLeft =
+        status != Status::Success && status != Status::TimedOut && attempt <= options.retryCount;
+    if (status == Status::Interrupted || (interrupts::pending() && retryLeft)) {
+        progress.interruptKeptBack = true;
+    }
     return status;
 }
 
-Status activate(DeviceContext& context, const RunOptions& options, RunRecord& run) {
+Status activate(DeviceContext& context, const RunOptions& options, FirmwareProgress& progress,
+                RunRecord& run) {
     DownloadRequest activation = options.request;
     activation.downloadMode = kModeActivate;
     activation.segmentBlocks = 0;
-    const Status status = download_firmware(context, activation, run.activation);
-    run.activationSent = run.activation.transfersSent != 0;
-    run.activationCompleted = status == Status::Success;
-    run.activationCountIsStatus = note_download_call(run, context, run.activation, status);
-    return status;
+    progress.activationBegun = true;
+    progress.activationStatus = download_firmware(context, activation, progress.activation);
+    run.activation = progress.activation;
+    run.activationSent = progress.activation.transfersSent != 0;
+    run.activationCompleted = progress.activationStatus == Status::Success;
+    run.activationCountIsStatus =
+        note_download_call(run, context, progress.activation, progress.activationStatus);
+    if (progress.activationStatus == Status::Interrupted) {
+        progress.interruptKeptBack = true;
+    }
+    return progress.activationStatus;
 }
 
-// After a time-out only the drive can say what it holds: the closing IDENTIFY DEVICE read it.
-void print_timeout_outcome(const DownloadRecord& record, Status identified,
-                           const DriveInfo& driveInfo) {
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "0x%02X", unsigned{record.mode});
-    const console::Message message(console::Severity::Error);
-    std::ostream& err = console::err();
-    err << "DOWNLOAD MICROCODE mode " << mode << " (" << record.transfersSent << " of "
-        << record.transfersPlanned << ") timed out after " << record.timeoutSeconds
-        << " s; nothing more was sent. ";
-    if (identified == Status::Success) {
-        err << "The drive reports firmware revision " << driveInfo.firmwareRevision << " now.";
-    } else {
-        err << "The firmware revision could not be read afterwards (IDENTIFY DEVICE failed).";
+// Before the first firmware command an interrupt ends the run at once; true when it does.
+bool stop_before_firmware(bool watched, FirmwareProgress& progress) {
+    if (!watched || !interrupts::pending()) {
+        return false;
     }
-    err << std::endl;
+    progress.interruptKeptBack = true;
+    return true;
+}
+
+// The firmware commands and the closing IDENTIFY DEVICE, once the drive passed every screen.
+Status send_firmware(DeviceContext& context, const RunOptions& options, DriveInfo& driveInfo,
+                     FirmwareProgress& progress, Status& identified, RunRecord& run) {
+    Status status = Status::Success;
+    if ((context.interfaceKind & DownloadRequested) != 0) {
+        vendor_identify(context);
+        if (stop_before_firmware(true, progress)) {
+            return Status::Interrupted;
+        }
+        status = run_download_attempts(context, options, progress, run);
+    }
+    if ((context.interfaceKind & ActivateRequested) != 0 && status != Status::TimedOut) {
+        if (interrupts::pending()) {
+            progress.interruptKeptBack = true;
+        } else {
+            status = activate(context, options, progress, run);
+        }
+    }
+    run.refused = status == Status::BadFirmwareFile;
+    // The closing IDENTIFY DEVICE goes out with the registers the last command left: after a
+    // download refused before its first command, the vendor identify's.
+    const bool vendorData = is_vendor_identify(context.registers);
+    identified = identify_device(context, driveInfo);
+    run.firmwareAfterRead = identified == Status::Success && !vendorData;
+    run.firmwareAfter = driveInfo.firmwareRevision;
+    if (status == Status::TimedOut) {
+        print_timeout_outcome(progress.activationBegun ? progress.activation : progress.download,
+                              identified, driveInfo);
+    }
+    return status;
 }
 
 // The device as the command line names it, and the CSMI phy and address once the port opened.
@@ -203,6 +244,8 @@ int map_status_to_exit_code(Status status) {
         return 6;
     case 13:
         return 5;
+    case 15:
+        return 3;
     default:
         return 10;
     }
@@ -255,6 +298,16 @@ int run(const CommandLine& commandLine, int argumentCount, const char* programNa
         return 0;
     }
 
+    // Only a run that sends firmware takes interrupts over; any other ends at once, as it always
+    // did.
+    const bool watched = (context.interfaceKind & (DownloadRequested | ActivateRequested)) != 0 &&
+                         (context.interfaceKind & InfoRequested) == 0;
+    if (watched) {
+        interrupts::watch();
+    }
+    FirmwareProgress progress = make_firmware_progress();
+    Status identified = Status::Failed;
+
     if (context.verbose != 0) {
         print_selection(options, context);
     }
@@ -264,6 +317,8 @@ int run(const CommandLine& commandLine, int argumentCount, const char* programNa
             ? open_csmi_device(context, options.devicePath, options.phyNumber, options.sasAddress)
             : open_device(context, options.devicePath);
     note_device(record, context, options, status == Status::Success);
+    // The stages before the first firmware command only read: an interrupt that comes during
+    // them is acted on once the screens have said whether the run would send anything at all.
     if (context.handle != INVALID_HANDLE_VALUE && status == Status::Success) {
         inquire_device(context, driveInfo);
         status = identify_device(context, driveInfo);
@@ -282,37 +337,31 @@ int run(const CommandLine& commandLine, int argumentCount, const char* programNa
             }
             if (refuse_for_security(driveInfo, context)) {
                 record.refused = true;
+                if (watched && interrupts::pending()) {
+                    print_interrupt_outcome(progress, identified, driveInfo);
+                }
                 return kExitSecurityRefused;
             }
             status = screen_download(context, options, driveInfo, record.adapterLimit);
-            if (status != Status::Success) {
-                record.refused = true;
-            } else {
-                if ((context.interfaceKind & DownloadRequested) != 0) {
-                    status = run_download_attempts(context, options, record);
-                }
-                if ((context.interfaceKind & ActivateRequested) != 0 &&
-                    status != Status::TimedOut) {
-                    status = activate(context, options, record);
-                }
-                record.refused = status == Status::BadFirmwareFile;
-                // The closing IDENTIFY DEVICE goes out with the registers the last command left:
-                // after a download refused before its first command, the vendor identify's.
-                const bool vendorData = is_vendor_identify(context.registers);
-                const Status identified = identify_device(context, driveInfo);
-                record.firmwareAfterRead = identified == Status::Success && !vendorData;
-                record.firmwareAfter = driveInfo.firmwareRevision;
-                if (status == Status::TimedOut) {
-                    print_timeout_outcome(record.activationSent ? record.activation
-                                                                : record.download,
-                                          identified, driveInfo);
-                }
+            record.refused = status != Status::Success;
+            if (status == Status::Success && !stop_before_firmware(watched, progress)) {
+                status = send_firmware(context, options, driveInfo, progress, identified, record);
             }
         }
     }
 
     if (context.handle != nullptr) {
         win32::CloseHandle(context.handle);
+    }
+    if (watched && interrupts::pending()) {
+        print_interrupt_outcome(progress, identified, driveInfo);
+        if (progress.interruptKeptBack) {
+            status = Status::Interrupted;
+        }
+    }
+    if (status == Status::Interrupted) {
+        record.interrupted = true;
+        record.interruptEvent = interrupts::first_event();
     }
     return map_status_to_exit_code(status);
 }

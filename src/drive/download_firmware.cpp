@@ -7,6 +7,7 @@
 #include "drive/progress_line.hpp"
 #include "drive/transfer_plan.hpp"
 #include "platform/console.hpp"
+#include "platform/interrupts.hpp"
 #include "transport/transport.hpp"
 
 namespace {
@@ -54,9 +55,15 @@ struct AfterDownload {
 // says whether the drive took the image. A command that timed out leaves the drive's state
 // unknown: it may still be writing its flash.
 Status send_transfer(DeviceContext& context, DownloadRecord& record, bool last) {
+    // Between two commands an interrupt stops the download; the one with the drive completes.
+    if (interrupts::pending()) {
+        return Status::Interrupted;
+    }
     context.registersRequested = last;
     ++record.transfersSent;
+    interrupts::command_with_drive(true);
     const Status status = send_ata_command(context);
+    interrupts::command_with_drive(false);
     record.countReturned = context.returned.valid;
     record.count = context.returned.count;
     if (status != Status::Success && context.lastError == ERROR_SEM_TIMEOUT) {
@@ -84,6 +91,10 @@ Status judge_last_transfer(const DeviceContext& context, const DownloadRecord& r
 } // namespace
 
 Status download_firmware(DeviceContext& context, DownloadRequest request, DownloadRecord& record) {
+    // An interrupt before the call keeps the record of the attempt before it.
+    if (interrupts::pending()) {
+        return Status::Interrupted;
+    }
     const bool activation = request.downloadMode == kModeActivate;
     record = DownloadRecord{};
     record.mode = request.downloadMode;
@@ -146,6 +157,9 @@ Status download_firmware(DeviceContext& context, DownloadRequest request, Downlo
 
         const bool last = !activation && record.transfersSent + 1 == record.transfersPlanned;
         const Status status = send_transfer(context, record, last);
+        if (status == Status::Interrupted) {
+            return status;
+        }
         if (status != Status::Success) {
             if (context.verbose != 0) {
                 console::out() << " ^ ";
@@ -177,6 +191,9 @@ Status download_firmware(DeviceContext& context, DownloadRequest request, Downlo
     context.dataBuffer =
         image.bytes.get() + static_cast<std::size_t>(plan.transferCount) * plan.transferBytes;
     const Status status = send_transfer(context, record, !activation);
+    if (status == Status::Interrupted) {
+        return status;
+    }
     if (context.verbose != 0) {
         console::out() << (status == Status::Success ? " ! " : " !^ ");
     }

@@ -43,6 +43,9 @@ struct Drive {
     // The drive reports in Count after each DOWNLOAD MICROCODE what it made of it (01h more data
     // expected, 02h applied, 03h saved for activation); without, Count echoes the command's.
     bool downloadStatusInCount = true;
+    // Real time every DOWNLOAD MICROCODE takes, as a drive writing its flash does: a person or a
+    // test can interrupt a download while a command is with the drive. The clock moves on too.
+    std::uint32_t downloadDelayMs = 0;
 
     std::optional<DeferredImage> deferred;
 

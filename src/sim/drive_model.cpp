@@ -110,6 +110,14 @@ AtaOutcome read_log_ext(Drive& drive, const AtaCommand& command, DataPhase phase
 
 AtaOutcome execute_on_drive(Drive& drive, const AtaCommand& command, DataPhase phase,
                             std::uint8_t* data, std::uint32_t length, std::string& note) {
+    // Any other command between two segments ends a segmented download: the drive drops what
+    // it has of the image and keeps its firmware.
+    if (command.command != kDownloadMicrocode && drive.downloading) {
+        drive.downloading = false;
+        drive.partial.clear();
+        drive.partial.shrink_to_fit();
+        note = "incomplete download discarded";
+    }
     switch (command.command) {
     case kIdentifyDevice:
         return identify(drive, command, phase, data, length, note);

@@ -12,8 +12,16 @@ Machine& machine() {
     return instance;
 }
 
+bool (*attach_real_console_events)(win32::PHANDLER_ROUTINE routine) = nullptr;
+
+std::atomic<win32::PHANDLER_ROUTINE>& console_handler() {
+    static std::atomic<win32::PHANDLER_ROUTINE> routine{nullptr};
+    return routine;
+}
+
 void reset_machine() {
     machine() = Machine{};
+    console_handler() = nullptr;
 }
 
 void set_command_line(std::vector<std::wstring> arguments) {
