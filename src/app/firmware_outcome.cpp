@@ -52,6 +52,7 @@ bool firmware_command_sent(const FirmwareProgress& progress) {
 
 void print_timeout_outcome(const DownloadRecord& record, Status identified,
                            const DriveInfo& driveInfo) {
+    const console::Message message(console::Severity::Error);
     std::ostream& err = console::err();
     err << "DOWNLOAD MICROCODE mode " << mode_text(record.mode) << " (" << record.transfersSent
         << " of " << record.transfersPlanned << ") timed out after " << record.timeoutSeconds
@@ -66,6 +67,7 @@ void print_timeout_outcome(const DownloadRecord& record, Status identified,
 
 void print_interrupt_outcome(const FirmwareProgress& progress, Status identified,
                              const DriveInfo& driveInfo) {
+    const console::Message message(console::Severity::Error);
     std::ostream& err = console::err();
     err << "Interrupted (" << interrupts::event_name(interrupts::first_event()) << ") ";
     const DownloadRecord& d = progress.download;

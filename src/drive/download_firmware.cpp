@@ -81,6 +81,7 @@ Status judge_last_transfer(const DeviceContext& context, const DownloadRecord& r
         context.registers.count == kDownloadMoreDataExpected) {
         return Status::Success;
     }
+    const console::Message message(console::Severity::Error);
     console::err() << "The drive did not take the image: after the last DOWNLOAD MICROCODE ("
                    << record.transfersSent << " of " << record.transfersPlanned
                    << ") it reports in Count 01h that it expects more data." << std::endl;
@@ -104,6 +105,11 @@ Status download_firmware(DeviceContext& context, DownloadRequest request, Downlo
     const Status readStatus = read_firmware_image(request.fileName, context.verbose, image);
     if (readStatus != Status::Success) {
         return readStatus;
+    }
+    record.imageRead = true;
+    record.imageBytes = image.size;
+    if (request.digestImage) {
+        record.imageSha256 = sha256(image.bytes.get(), image.size);
     }
 
     // An empty file holds no firmware: sending nothing and reporting success would tell the user
@@ -137,8 +143,11 @@ Status download_firmware(DeviceContext& context, DownloadRequest request, Downlo
     if (context.verbose != 0) {
         print_plan(plan, request.downloadMode, image.size);
     }
-    console::out()
-        << "\n\n\tPLEASE DO NOT CLOSE THIS WINDOW OR INTERRUPT THE FW DOWNLOAD PROCESS\n\n\n";
+    {
+        const console::Message message(console::Severity::Warning);
+        console::out()
+            << "\n\n\tPLEASE DO NOT CLOSE THIS WINDOW OR INTERRUPT THE FW DOWNLOAD PROCESS\n\n\n";
+    }
 
     for (std::uint32_t i = 0; i < plan.transferCount; ++i) {
         const std::uint32_t percent = transfer_percent(i, plan.transferCount);
@@ -156,6 +165,7 @@ Status download_firmware(DeviceContext& context, DownloadRequest request, Downlo
                 console::out() << " ^ ";
             }
             if (activation) {
+                const console::Message message(console::Severity::Error);
                 console::out() << "Failed to Activate ..." << std::endl;
             }
             return status;

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "drive/download_request.hpp"
+#include "drive/sha256.hpp"
 #include "transport/device_context.hpp"
 #include "transport/status.hpp"
 
@@ -16,6 +17,9 @@ struct DownloadRecord {
     bool timedOut;                  // the last one sent did not end within timeoutSeconds
     bool countReturned;             // the drive's Count after the last command sent was read
     std::uint8_t count;
+    bool imageRead; // the image file was read whole; its size, and its digest when asked for
+    std::uint32_t imageBytes;
+    Sha256Digest imageSha256;
 };
 
 // The DOWNLOAD MICROCODE status a drive reports in Count.

@@ -11,6 +11,7 @@ struct DownloadRequest {
     std::uint8_t downloadMode;    // DOWNLOAD MICROCODE subcommand, sent in Features
     std::uint8_t segmentBlocks;   // blocks of 512 bytes per transfer; 0: whole image, 8 MiB cap
     std::uint32_t timeoutSeconds; // of every DOWNLOAD MICROCODE, the activation included (/t)
+    bool digestImage;             // the record of the run names the image by its SHA-256
 };
 
 constexpr std::uint8_t kModeSegmented = 0x03;

@@ -147,6 +147,10 @@ LPWSTR GetCommandLineW();
 // The array stays allocated until the process ends, as the run never needs it freed.
 LPWSTR* CommandLineToArgvW(LPCWSTR commandLine, int* argumentCount);
 
+// Which backend answers these calls, for the record of a run: "windows", "linux" or "simulated".
+// Each backend defines it.
+extern const char* const kBackendName;
+
 } // namespace win32
 
 #ifndef _WIN32

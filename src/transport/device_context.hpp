@@ -67,6 +67,15 @@ struct AtaReturnedRegisters {
     std::uint8_t device;
 };
 
+// The SCSI sense data of a command the SCSI pass-through ended with CHECK CONDITION: sense key,
+// additional sense code and qualifier, in fixed or descriptor format.
+struct ReturnedSense {
+    bool valid;
+    std::uint8_t key;
+    std::uint8_t asc;
+    std::uint8_t ascq;
+};
+
 struct DeviceContext {
     win32::HANDLE handle;
     // These five fields are the SCSI_ADDRESS record that IOCTL_SCSI_GET_ADDRESS fills in place.
@@ -90,6 +99,7 @@ struct DeviceContext {
     // then asks the SAT layer for them (CK_COND); the other transports always return them.
     bool registersRequested;
     AtaReturnedRegisters returned; // of the last command; valid false when none came back
+    ReturnedSense sense;           // of the last command; valid false when none came back
 };
 
 static_assert(offsetof(DeviceContext, portNumber) == offsetof(DeviceContext, scsiAddressLength) +

@@ -44,6 +44,27 @@ bool completed_with_registers(const ScsiPassThroughRequest& request, AtaReturned
     return true;
 }
 
+// What a failed command's sense data say: the key, ASC and ASCQ, and the drive's registers
+// where the SAT layer put them.
+void keep_failure_sense(const ScsiPassThroughRequest& request, DeviceContext& context) {
+    const std::size_t written =
+        std::min<std::size_t>(request.header.SenseInfoLength, kSenseInfoLength);
+    const std::uint8_t* sense = request.sense;
+    if (written >= 4 && (sense[0] & 0x7F) == 0x72) {
+        context.sense =
+            ReturnedSense{true, static_cast<std::uint8_t>(sense[1] & 0x0F), sense[2], sense[3]};
+    } else if (written >= 14 && (sense[0] & 0x7F) == 0x70) {
+        context.sense =
+            ReturnedSense{true, static_cast<std::uint8_t>(sense[2] & 0x0F), sense[12], sense[13]};
+    }
+    const sat::AtaSenseReading reading = sat::read_ata_sense(sense, written);
+    if (reading.verdict == sat::AtaSenseVerdict::TaskFile) {
+        const std::uint8_t* current = reading.current;
+        context.returned = AtaReturnedRegisters{true,       current[6], current[0], current[1],
+                                                current[2], current[3], current[4], current[5]};
+    }
+}
+
 } // namespace
 
 Status scsi_pass_through(DeviceContext& context) {
@@ -73,10 +94,12 @@ Status scsi_pass_through(DeviceContext& context) {
         sptd.DataTransferLength = context.transferLength;
         sptd.DataBuffer = context.dataBuffer;
         break;
-    default:
+    default: {
         // Sent anyway, with no data phase: DataIn 0 reads as data out of zero bytes.
+        const console::Message message(console::Severity::Error);
         console::out() << "\nData Direction Unspecified.\n";
         break;
+    }
     }
 
     sptd.Cdb[1] = context.dataDirection == DataIn ? kProtocolPioDataIn : kProtocolPioDataOut;
@@ -89,6 +112,7 @@ Status scsi_pass_through(DeviceContext& context) {
     }
     std::memcpy(&sptd.Cdb[3], &context.registers, sizeof(AtaRegisters));
     context.returned = AtaReturnedRegisters{};
+    context.sense = ReturnedSense{};
 
     sptd.TimeOutValue =
         context.timeoutSeconds != 0 ? context.timeoutSeconds : kDefaultTimeoutSeconds;
@@ -104,12 +128,14 @@ Status scsi_pass_through(DeviceContext& context) {
     if (!sent) {
         if (context.lastError == ERROR_INVALID_FUNCTION) {
             if (context.verbose != 0) {
+                const console::Message message(console::Severity::Error);
                 console::out() << "IO Error ERROR_INVALID_FUNCTION [" << context.lastError << "]"
                                << std::endl;
             }
             return Status::InterfaceNotSupported;
         }
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             console::out() << "IO Error [" << context.lastError << "]" << std::endl;
         }
         return Status::Failed;
@@ -119,7 +145,9 @@ Status scsi_pass_through(DeviceContext& context) {
         return Status::Success;
     }
     if (sptd.ScsiStatus == kCheckCondition) {
+        keep_failure_sense(request, context);
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             print_check_condition(context, request);
         }
         return Status::DeviceError;

@@ -82,8 +82,9 @@ done
 
 # --- the Windows zip -----------------------------------------------------------------------
 
-check "zip holds Quenmark.exe, README.md, exit-codes.md and nothing else" \
-  diff <(printf '%s\n' Quenmark.exe README.md exit-codes.md | sort) <(unzip -Z1 "$zip" | sort)
+check "zip holds Quenmark.exe, README.md, exit-codes.md, json.md, the schema and nothing else" \
+  diff <(printf '%s\n' Quenmark.exe README.md exit-codes.md json.md quenmark.schema.json | sort) \
+  <(unzip -Z1 "$zip" | sort)
 mkdir -p "$work/zip"
 unzip -q "$zip" -d "$work/zip"
 exe=$work/zip/Quenmark.exe
@@ -242,7 +243,8 @@ fi
 top=quenmark-$version-linux-amd64
 check "tarball holds sbin/quenmark, the man page and the docs" diff \
   <(printf '%s\n' "$top/sbin/quenmark" "$top/share/man/man8/quenmark.8.gz" \
-    "$top/share/doc/quenmark/README.md" "$top/share/doc/quenmark/exit-codes.md" | sort) \
+    "$top/share/doc/quenmark/README.md" "$top/share/doc/quenmark/exit-codes.md" \
+    "$top/share/doc/quenmark/json.md" "$top/share/doc/quenmark/quenmark.schema.json" | sort) \
   <(tar -tzf "$tarball" | grep -v '/$' | sort)
 mkdir -p "$work/tar"
 tar -xzf "$tarball" -C "$work/tar"

@@ -569,6 +569,20 @@ def case_disk(case):
         return f.read().strip()
 
 
+def schema_problems(stdout):
+    """A --json run's document against docs/quenmark.schema.json (python3-jsonschema)."""
+    import json
+    import jsonschema
+    with open(os.path.join(HERE, "..", "..", "docs", "quenmark.schema.json"), encoding="utf-8") as f:
+        validator = jsonschema.Draft202012Validator(json.load(f))
+    try:
+        document = json.loads(stdout.decode("utf-8"))
+    except ValueError as error:
+        return ["stdout is no JSON document: %s" % error]
+    return ["schema: %s at /%s" % (e.message, "/".join(map(str, e.path)))
+            for e in validator.iter_errors(document)]
+
+
 def run_kernel(kernel, options, cases):
     """Boots kernel once for each disk the cases name, runs every case and compares; returns
     (passed, failed)."""
@@ -640,6 +654,9 @@ def run_disk(kernel, options, cases, disk):
                 failures.append("%s differs\n--- expected (%s)\n%s\n--- got\n%s" % (
                     name, os.path.relpath(path, EXPECTED), expected.decode("utf-8", "replace"),
                     result[name].decode("utf-8", "replace")))
+        with open(os.path.join(EXPECTED, case, "args"), encoding="utf-8") as f:
+            if "--json" in f.read().split("\n"):
+                failures += schema_problems(result["stdout"])
         seconds = (result["seconds"] or b"?").decode().strip()
         if failures:
             failed += 1
