@@ -47,7 +47,15 @@ FirmwareProgress make_firmware_progress() {
 }
 
 bool firmware_command_sent(const FirmwareProgress& progress) {
-    return progress.download.transfersSent != 0 || progress.activation.transfersSent != 0;
+    return progress.download.transfersSent != 0 || activation_sent(progress);
+}
+
+bool activation_sent(const FirmwareProgress& progress) {
+    return progress.activation.transfersSent != 0;
+}
+
+bool activation_completed(const FirmwareProgress& progress) {
+    return progress.activationBegun && progress.activationStatus == Status::Success;
 }
 
 void print_timeout_outcome(const DownloadRecord& record, Status identified,
@@ -77,7 +85,7 @@ void print_interrupt_outcome(const FirmwareProgress& progress, Status identified
             err << " " << driveInfo.firmwareRevision;
         }
         err << ".";
-    } else if (progress.activation.transfersSent != 0) {
+    } else if (activation_sent(progress)) {
         err << "after the activation was sent: " << drive_answer(progress.activationStatus) << "; "
             << reported_revision(identified, driveInfo) << ".";
     } else if (!whole_image_taken(progress)) {

@@ -20,8 +20,11 @@ struct FirmwareProgress {
 
 FirmwareProgress make_firmware_progress();
 
-// Whether any DOWNLOAD MICROCODE reached the drive.
+// Whether any DOWNLOAD MICROCODE reached the drive; whether the activation did, and whether the
+// drive completed it.
 bool firmware_command_sent(const FirmwareProgress& progress);
+bool activation_sent(const FirmwareProgress& progress);
+bool activation_completed(const FirmwareProgress& progress);
 
 // One line on standard error: the command that timed out, and the revision the closing IDENTIFY
 // DEVICE read (identified is its status).

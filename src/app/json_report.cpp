@@ -153,12 +153,12 @@ Json image_object(const RunRecord& record) {
 
 Json download_object(const RunRecord& record) {
     Json download = Json::object();
-    const DownloadRecord& last = record.download;
+    const DownloadRecord& last = record.firmware.download;
     download["mode"] = record.downloadAsked ? Json(record.request.downloadMode) : Json(nullptr);
     download["segment_blocks"] = record.request.segmentBlocks;
     download["timeout_seconds"] = record.request.timeoutSeconds;
     download["retries"] = record.retryCount;
-    download["attempts"] = record.attempts;
+    download["attempts"] = record.firmware.attempts;
     download["transfers_planned"] = last.transfersPlanned;
     download["transfers_sent"] = last.transfersSent;
     download["timed_out"] = last.timedOut;
@@ -169,11 +169,11 @@ Json download_object(const RunRecord& record) {
     }
     if (record.activationAsked) {
         download["activation"] = Json{
-            {"sent", record.activationSent},
-            {"completed", record.activationCompleted},
-            {"timed_out", record.activation.timedOut},
-            {"count",
-             record.activationCountIsStatus ? Json(record.activation.count) : Json(nullptr)},
+            {"sent", activation_sent(record.firmware)},
+            {"completed", activation_completed(record.firmware)},
+            {"timed_out", record.firmware.activation.timedOut},
+            {"count", record.activationCountIsStatus ? Json(record.firmware.activation.count)
+                                                     : Json(nullptr)},
         };
     }
     return download;

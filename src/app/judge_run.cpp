@@ -14,13 +14,13 @@ RunResult judge_run(const RunRecord& record, int exitCode) {
         return RunResult::ReportShown;
     }
     if (exitCode == 0) {
-        if (record.activationCompleted) {
+        if (activation_completed(record.firmware)) {
             return RunResult::Updated;
         }
         if (!record.downloadAsked) {
             return RunResult::Identified;
         }
-        const DownloadRecord& download = record.download;
+        const DownloadRecord& download = record.firmware.download;
         if (record.downloadCountIsStatus && download.count == kDownloadSaved) {
             return RunResult::Saved;
         }

@@ -91,8 +91,8 @@ bool note_download_call(RunRecord& run, const DeviceContext& context, const Down
 
 // A command that timed out may have left the drive writing its flash: neither a retry nor an
 // activation goes after it. An interrupt ends the pause early and keeps back any retry.
-Status run_download_attempts(DeviceContext& context, const RunOptions& options,
-                             FirmwareProgress& progress, RunRecord& run) {
+Status run_download_attempts(DeviceContext& context, const RunOptions& options, RunRecord& run) {
+    FirmwareProgress& progress = run.firmware;
     Status status = Status::Failed;
     std::int32_t attempt = 0;
     do {
@@ -103,8 +103,6 @@ Status run_download_attempts(DeviceContext& context, const RunOptions& options,
         status = download_firmware(context, options.request, progress.download);
         progress.attempts = ++attempt;
         progress.downloadStatus = status;
-        run.attempts = attempt;
-        run.download = progress.download;
         run.downloadCountIsStatus = note_download_call(run, context, progress.download, status);
         console::out() << std::endl;
         if (!interrupts::pending()) {
@@ -122,16 +120,13 @@ Status run_download_attempts(DeviceContext& context, const RunOptions& options,
     return status;
 }
 
-Status activate(DeviceContext& context, const RunOptions& options, FirmwareProgress& progress,
-                RunRecord& run) {
+Status activate(DeviceContext& context, const RunOptions& options, RunRecord& run) {
+    FirmwareProgress& progress = run.firmware;
     DownloadRequest activation = options.request;
     activation.downloadMode = kModeActivate;
     activation.segmentBlocks = 0;
     progress.activationBegun = true;
     progress.activationStatus = download_firmware(context, activation, progress.activation);
-    run.activation = progress.activation;
-    run.activationSent = progress.activation.transfersSent != 0;
-    run.activationCompleted = progress.activationStatus == Status::Success;
     run.activationCountIsStatus =
         note_download_call(run, context, progress.activation, progress.activationStatus);
     if (progress.activationStatus == Status::Interrupted) {
@@ -151,20 +146,21 @@ bool stop_before_firmware(bool watched, FirmwareProgress& progress) {
 
 // The firmware commands and the closing IDENTIFY DEVICE, once the drive passed every screen.
 Status send_firmware(DeviceContext& context, const RunOptions& options, DriveInfo& driveInfo,
-                     FirmwareProgress& progress, Status& identified, RunRecord& run) {
+                     Status& identified, RunRecord& run) {
+    FirmwareProgress& progress = run.firmware;
     Status status = Status::Success;
     if ((context.interfaceKind & DownloadRequested) != 0) {
         vendor_identify(context);
         if (stop_before_firmware(true, progress)) {
             return Status::Interrupted;
         }
-        status = run_download_attempts(context, options, progress, run);
+        status = run_download_attempts(context, options, run);
     }
     if ((context.interfaceKind & ActivateRequested) != 0 && status != Status::TimedOut) {
         if (interrupts::pending()) {
             progress.interruptKeptBack = true;
         } else {
-            status = activate(context, options, progress, run);
+            status = activate(context, options, run);
         }
     }
     run.refused = status == Status::BadFirmwareFile;
@@ -305,7 +301,7 @@ int run(const CommandLine& commandLine, int argumentCount, const char* programNa
     if (watched) {
         interrupts::watch();
     }
-    FirmwareProgress progress = make_firmware_progress();
+    FirmwareProgress& progress = record.firmware;
     Status identified = Status::Failed;
 
     if (context.verbose != 0) {
@@ -345,7 +341,7 @@ int run(const CommandLine& commandLine, int argumentCount, const char* programNa
             status = screen_download(context, options, driveInfo, record.adapterLimit);
             record.refused = status != Status::Success;
             if (status == Status::Success && !stop_before_firmware(watched, progress)) {
-                status = send_firmware(context, options, driveInfo, progress, identified, record);
+                status = send_firmware(context, options, driveInfo, identified, record);
             }
         }
     }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/download_screens.hpp"
+#include "app/firmware_outcome.hpp"
 #include "csmi/scan_record.hpp"
 #include "drive/download_firmware.hpp"
 #include "drive/drive_info.hpp"
@@ -65,17 +66,13 @@ struct RunRecord {
     DownloadRequest request{};
     std::int32_t retryCount = 0;
     AdapterLimit adapterLimit{};
-    std::int32_t attempts = 0;
-    DownloadRecord download{};          // the last attempt
+    FirmwareProgress firmware = make_firmware_progress(); // what was sent, how the drive answered
     bool downloadCountIsStatus = false; // its last command ended without ERR or DF: Count says
                                         // what the drive made of the image
     bool imageRead = false;             // by any attempt; its size and digest follow
     std::uint32_t imageBytes = 0;
     Sha256Digest imageSha256{};
     std::uint32_t firmwareCommandsSent = 0; // every DOWNLOAD MICROCODE, the activation included
-    bool activationSent = false;
-    bool activationCompleted = false;
-    DownloadRecord activation{};
     bool activationCountIsStatus = false;
 
     // The revision the drive reports in the run's closing IDENTIFY DEVICE.

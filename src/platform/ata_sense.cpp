@@ -126,6 +126,20 @@ AtaSenseReading read_ata_sense(const std::uint8_t* sense, std::size_t written) {
     }
 }
 
+std::uint8_t sense_key(const std::uint8_t* sense, std::size_t written) {
+    if (sense == nullptr || written < 3) {
+        return 0;
+    }
+    switch (sense[0] & kResponseCodeMask) {
+    case kDescriptorCurrent:
+        return sense[1] & kSenseKeyMask;
+    case kFixedCurrent:
+        return sense[2] & kSenseKeyMask;
+    default:
+        return 0;
+    }
+}
+
 bool sense_reports_ata_information(const std::uint8_t* sense, std::size_t written) {
     constexpr std::uint8_t kRecoveredError = 0x01;
     constexpr std::uint8_t kAtaInformationAvailable = 0x1D; // ASCQ, with ASC 00

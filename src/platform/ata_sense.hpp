@@ -27,6 +27,9 @@ struct AtaSenseReading {
 // Reads only the `written` bytes the kernel reported, whatever the sense data claim.
 AtaSenseReading read_ata_sense(const std::uint8_t* sense, std::size_t written);
 
+// The sense key (0 to 15) of fixed or descriptor format sense data; 0 when none can be read.
+std::uint8_t sense_key(const std::uint8_t* sense, std::size_t written);
+
 // True for the sense data a SAT layer returns for a command sent with CK_COND that the drive
 // completed without error: RECOVERED ERROR, ATA PASS-THROUGH INFORMATION AVAILABLE (00/1D), in
 // descriptor or fixed format. Its CHECK CONDITION carries registers, not a failure.

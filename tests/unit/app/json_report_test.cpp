@@ -21,16 +21,17 @@ nlohmann::json document(const RunRecord& record) {
 RunRecord download_run(std::uint8_t mode, bool countIsStatus, std::uint8_t count) {
     RunRecord record;
     record.downloadAsked = true;
-    record.download.mode = mode;
+    record.firmware.download.mode = mode;
     record.downloadCountIsStatus = countIsStatus;
-    record.download.count = count;
+    record.firmware.download.count = count;
     record.firmwareCommandsSent = 1;
     return record;
 }
 
 TEST(JudgeRun, NamesTheResultByWhatTheDriveSaidAndWhatWasSent) {
     RunRecord activated = download_run(kModeDeferred, true, kDownloadSaved);
-    activated.activationCompleted = true;
+    activated.firmware.activationBegun = true;
+    activated.firmware.activationStatus = Status::Success;
     RunRecord refusedAfterSending = download_run(kModeSegmented, false, 0);
     refusedAfterSending.refused = true;
     RunRecord refused;
