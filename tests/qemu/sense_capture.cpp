@@ -206,8 +206,8 @@ int download_microcode(int fd, const std::string& request, const DmSettings& set
     if (result == 0) {
         std::printf(" status=%02x masked=%02x host=%04x driver=%04x resid=%d duration=%u info=%x"
                     " sense=",
-                    header.status, header.masked_status, header.host_status,
-                    header.driver_status, header.resid, header.duration, header.info);
+                    header.status, header.masked_status, header.host_status, header.driver_status,
+                    header.resid, header.duration, header.info);
         for (unsigned i = 0; i < header.sb_len_wr && i < sizeof sense; ++i) {
             std::printf("%s%02x", i == 0 ? "" : " ", sense[i]);
         }
