@@ -191,7 +191,8 @@ void download_benchmark(benchmark::State& state, int index) {
     std::int64_t downloads = 0;
     for (auto _ : state) {
         Status status = Status::Success;
-        sum.download += timed([&] { status = download_firmware(context, request); });
+        DownloadRecord record{};
+        sum.download += timed([&] { status = download_firmware(context, request, record); });
         if (status != Status::Success) {
             state.SkipWithError("the download failed");
             return;
@@ -250,7 +251,8 @@ int peak_memory_probe(const Case& c) {
     malloc_trim(0);
     const std::size_t heapBefore = mallinfo2().uordblks;
     const long before = max_rss_kib();
-    const Status status = download_firmware(context, request);
+    DownloadRecord record{};
+    const Status status = download_firmware(context, request, record);
     const long after = max_rss_kib();
     const std::size_t heapAfter = mallinfo2().uordblks;
     if (status != Status::Success) {

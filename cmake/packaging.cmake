@@ -1,5 +1,6 @@
 # Release packages, built by scripts/package.sh with cpack in each preset's build tree:
-#   windows: Quenmark-<version>-windows-x64.zip (Quenmark.exe, README.md, exit-codes.md)
+#   windows: Quenmark-<version>-windows-x64.zip (Quenmark.exe, README.md, exit-codes.md, json.md,
+#            quenmark.schema.json)
 #   linux:   quenmark-<version>-linux-amd64.tar.gz, a prefix tree for /usr/local, and
 #            quenmark_<version>_amd64.deb, which installs /usr/sbin/quenmark and its man page
 # Quenmark.exe also gets its resources here: the version block and the manifest that asks for
@@ -38,7 +39,8 @@ if(WIN32)
     OBJECT_DEPENDS ${SRC}/platform/windows/quenmark.exe.manifest)
 
   install(TARGETS Quenmark RUNTIME DESTINATION .)
-  install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/exit-codes.md DESTINATION .)
+  install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/exit-codes.md
+    ${CMAKE_SOURCE_DIR}/docs/json.md ${CMAKE_SOURCE_DIR}/docs/quenmark.schema.json DESTINATION .)
 
   set(CPACK_GENERATOR ZIP)
   set(CPACK_PACKAGE_FILE_NAME Quenmark-${PROJECT_VERSION}-windows-x64)
@@ -60,6 +62,7 @@ else()
   install(TARGETS quenmark RUNTIME DESTINATION sbin)
   install(FILES ${QUENMARK_MAN_PAGE} DESTINATION share/man/man8)
   install(FILES ${CMAKE_SOURCE_DIR}/README.md ${CMAKE_SOURCE_DIR}/docs/exit-codes.md
+    ${CMAKE_SOURCE_DIR}/docs/json.md ${CMAKE_SOURCE_DIR}/docs/quenmark.schema.json
     DESTINATION share/doc/quenmark)
 
   set(CPACK_GENERATOR "TGZ;DEB")

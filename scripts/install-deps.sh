@@ -3,7 +3,8 @@
 #   bash scripts/install-deps.sh [GROUP...]      (no group: every group)
 # Groups:
 #   sim      building quenmark-sim alone (the demo)
-#   build    every preset's build and the unit tests: the sim group, GoogleTest, Google Benchmark
+#   build    every preset's build and the unit tests: the sim group, GoogleTest, Google Benchmark,
+#            and python3-jsonschema, which checks the --json transcripts
 #   windows  the mingw-w64 cross compiler, and Wine to run the Windows build
 #   qemu     QEMU, Debian 12's kernel, a static busybox, kmod (the kernels' module lists),
 #            hdparm (a peer in the VM) and what building QEMU with its download-capable disk needs
@@ -15,7 +16,7 @@ set -euo pipefail
 
 declare -A group=(
   [sim]="cmake ninja-build g++ nlohmann-json3-dev"
-  [build]="cmake ninja-build g++ make python3 clang-format nlohmann-json3-dev
+  [build]="cmake ninja-build g++ make python3 python3-jsonschema clang-format nlohmann-json3-dev
            googletest libgtest-dev libgmock-dev libbenchmark-dev"
   [windows]="g++-mingw-w64-x86-64 wine wine64"
   [qemu]="qemu-system-x86 linux-image-amd64 busybox-static cpio kmod hdparm

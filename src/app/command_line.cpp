@@ -106,13 +106,20 @@ ParseResult end_run() {
 }
 
 ParseResult invalid_option(const wchar_t* argument, const char* programName) {
-    console::wout() << L"Invalid Command Line Option: " << argument << console::wendl;
+    {
+        const console::Message message(console::Severity::Error);
+        console::wout() << L"Invalid Command Line Option: " << argument << console::wendl;
+    }
     print_usage(programName);
     return end_run();
 }
 
 ParseResult error_at(const wchar_t* argument, const char* programName) {
-    console::wout() << console::wendl << L"Error in command line at " << argument << console::wendl;
+    {
+        const console::Message message(console::Severity::Error);
+        console::wout() << console::wendl << L"Error in command line at " << argument
+                        << console::wendl;
+    }
     print_usage(programName);
     return end_run();
 }
@@ -152,27 +159,67 @@ bool parse_csmi_device(const wchar_t* text, RunOptions& options) {
 
 } // namespace
 
+CommandLine read_command_line(int argumentCount, char** arguments) {
+    CommandLine commandLine{false, {}, {}, false};
+    if (argumentCount < 2) {
+        return commandLine;
+    }
+    int wideCount = 0;
+    win32::LPWSTR* wide = win32::CommandLineToArgvW(win32::GetCommandLineW(), &wideCount);
+    if (wide == nullptr) {
+        for (int i = 1; arguments != nullptr && i < argumentCount; ++i) {
+            commandLine.json = commandLine.json || std::strcmp(arguments[i], "--json") == 0;
+        }
+        return commandLine;
+    }
+    commandLine.read = true;
+    bool valueNext = false;
+    for (int i = 1; i < wideCount; ++i) {
+        const std::wstring argument = wide[i];
+        commandLine.typed.push_back(argument);
+        const bool json = argument == L"--json";
+        commandLine.json = commandLine.json || json;
+        if (json && !valueNext) {
+            continue;
+        }
+        // The first option names the device; the arguments after /g, /r and /t are values.
+        valueNext = !valueNext && !commandLine.options.empty() &&
+                    (begins_with(argument.c_str(), L"/g") || begins_with(argument.c_str(), L"/r") ||
+                     begins_with(argument.c_str(), L"/t"));
+        commandLine.options.push_back(argument);
+    }
+    return commandLine;
+}
+
 ParseResult parse_command_line(int argumentCount, const char* programName, DeviceContext& context,
+                               RunOptions& options) {
+    return parse_command_line(read_command_line(argumentCount, nullptr), argumentCount, programName,
+                              context, options);
+}
+
+ParseResult parse_command_line(const CommandLine& commandLine, int argumentCount,
+                               const char* programName, DeviceContext& context,
                                RunOptions& options) {
     if (argumentCount < 2) {
         print_banner();
         print_usage(programName);
         return end_run();
     }
-    int wideCount = 0;
-    win32::LPWSTR* arguments = win32::CommandLineToArgvW(win32::GetCommandLineW(), &wideCount);
-    if (arguments == nullptr) {
+    if (!commandLine.read) {
+        const console::Message message(console::Severity::Error);
         console::wprint(L"CommandLineToArgvW failed\n");
         return end_run();
     }
-    if (wideCount < 2) {
+    const std::vector<std::wstring>& arguments = commandLine.options;
+    const int count = static_cast<int>(arguments.size());
+    if (count < 1) {
         // The wide command line disagrees with main's arguments: nothing names a device.
         print_banner();
         print_usage(programName);
         return end_run();
     }
 
-    const wchar_t* first = arguments[1];
+    const wchar_t* first = arguments[0].c_str();
     if (begins_with(first, L"/h") || begins_with(first, L"/H")) {
         print_banner();
         print_usage(programName);
@@ -194,8 +241,8 @@ ParseResult parse_command_line(int argumentCount, const char* programName, Devic
         return invalid_option(first, programName);
     }
 
-    for (int i = 2; i < wideCount; ++i) {
-        const wchar_t* argument = arguments[i];
+    for (int i = 1; i < count; ++i) {
+        const wchar_t* argument = arguments[i].c_str();
         if (begins_with(argument, L"/D:")) {
             if (!copy_path(options.request.fileName, argument + 3, std::wcslen(argument + 3))) {
                 return error_at(argument, programName);
@@ -205,10 +252,10 @@ ParseResult parse_command_line(int argumentCount, const char* programName, Devic
             options.request.downloadMode = kModeSegmented;
         } else if (begins_with(argument, L"/g") || begins_with(argument, L"/r")) {
             const bool segment = begins_with(argument, L"/g");
-            if (i + 1 >= wideCount) {
+            if (i + 1 >= count) {
                 return error_at(argument, programName);
             }
-            const wchar_t* number = arguments[++i];
+            const wchar_t* number = arguments[++i].c_str();
             bool digitsSeen = false;
             bool overflowed = false;
             const std::int32_t value = read_decimal(number, digitsSeen, overflowed);
@@ -233,10 +280,10 @@ ParseResult parse_command_line(int argumentCount, const char* programName, Devic
         } else if (begins_with(argument, L"/l")) {
             context.optionL = 1;
         } else if (begins_with(argument, L"/t")) {
-            if (i + 1 >= wideCount) {
+            if (i + 1 >= count) {
                 return error_at(argument, programName);
             }
-            const wchar_t* seconds = arguments[++i];
+            const wchar_t* seconds = arguments[++i].c_str();
             if (!read_timeout_seconds(seconds, options.request.timeoutSeconds)) {
                 return error_at(seconds, programName);
             }

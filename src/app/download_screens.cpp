@@ -25,6 +25,7 @@ bool nothing_but_nul_and_blanks(const std::string& text) {
 } // namespace
 
 Status screen_ata_device(const DriveInfo& driveInfo) {
+    const console::Message message(console::Severity::Error);
     if ((driveInfo.generalConfiguration & kNotAtaDevice) != 0) {
         char word[8];
         std::snprintf(word, sizeof word, "0x%04X", unsigned{driveInfo.generalConfiguration});
@@ -42,7 +43,9 @@ Status screen_ata_device(const DriveInfo& driveInfo) {
     return Status::Success;
 }
 
-Status screen_transfer_limit(DeviceContext& context, const RunOptions& options) {
+Status screen_transfer_limit(DeviceContext& context, const RunOptions& options,
+                             AdapterLimit& limit) {
+    limit = AdapterLimit{false, false, 0};
     if ((context.interfaceKind & Csmi) != 0 || (context.interfaceKind & DownloadRequested) == 0) {
         return Status::Success; // an activation alone has no data phase
     }
@@ -51,9 +54,12 @@ Status screen_transfer_limit(DeviceContext& context, const RunOptions& options) 
         return Status::Success;
     }
     std::uint32_t limitBytes = 0;
+    limit.asked = true;
     if (!query_transfer_limit(context, limitBytes)) {
         return Status::Success;
     }
+    limit.answered = true;
+    limit.bytes = limitBytes;
     const DownloadRequest& request = options.request;
     const TransferPlan plan =
         plan_transfers(imageBytes, request.downloadMode, request.segmentBlocks);
@@ -62,6 +68,7 @@ Status screen_transfer_limit(DeviceContext& context, const RunOptions& options) 
     if (largest <= limitBytes) {
         return Status::Success;
     }
+    const console::Message message(console::Severity::Error);
     std::ostream& err = console::err();
     err << "Transfer too large for the adapter: one data phase of " << std::dec << largest
         << " bytes, the adapter carries at most " << limitBytes << "; ";

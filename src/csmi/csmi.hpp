@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "csmi/csmi_requests.hpp"
+#include "csmi/scan_record.hpp"
 #include "transport/device_context.hpp"
 #include "transport/status.hpp"
 
@@ -29,8 +30,9 @@ bool send_ssp_inquiry(win32::HANDLE port, const CSMI_SAS_PHY_ENTITY& phyEntity,
 Status open_csmi_device(DeviceContext& context, const wchar_t* devicePath, std::int32_t& phyNumber,
                         const std::uint8_t (&sasAddress)[8]);
 
-// Lists the controllers of ports 0 to 14 and the SATA drives behind them. Returns 0.
-int scan_csmi_devices(std::int32_t verbose);
+// Lists the controllers of ports 0 to 14 and the SATA drives behind them, and keeps what it
+// lists in record. Returns 0.
+int scan_csmi_devices(std::int32_t verbose, ScanRecord& record);
 
 // The /vv diagnostics.
 void dump_fis(const std::uint8_t* fis);

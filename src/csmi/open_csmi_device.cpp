@@ -27,6 +27,7 @@ Status open_csmi_device(DeviceContext& context, const wchar_t* devicePath, std::
                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
     context.lastError = win32::GetLastError();
     if (context.handle == INVALID_HANDLE_VALUE) {
+        const console::Message message(console::Severity::Error);
         console::wout() << L"Error: Opening Device " << devicePath << console::wendl;
         return Status::Failed;
     }
@@ -36,6 +37,7 @@ Status open_csmi_device(DeviceContext& context, const wchar_t* devicePath, std::
     fill_csmi_header(phyInfo.IoctlHeader, kCsmiSasSignature, kCsmiTimeoutSeconds,
                      CC_CSMI_SAS_GET_PHY_INFO, sizeof phyInfo);
     if (!send_csmi_request(context.handle, &phyInfo, sizeof phyInfo)) {
+        const console::Message message(console::Severity::Error);
         console::wout() << L"Could not get CSMI phy information for " << devicePath
                         << console::wendl;
         return Status::Failed;
@@ -70,6 +72,7 @@ Status open_csmi_device(DeviceContext& context, const wchar_t* devicePath, std::
             }
         }
         if (!matched) {
+            const console::Message message(console::Severity::Error);
             out << "Device Opened but SAS Address does not match any attached phy " << std::endl;
             return Status::Failed;
         }
@@ -78,6 +81,7 @@ Status open_csmi_device(DeviceContext& context, const wchar_t* devicePath, std::
     // The table has 32 entries: a phy number beyond it names no entry at all.
     if (phyNumber < 0 || phyNumber >= static_cast<std::int32_t>(kCsmiMaxPhys) ||
         !populated(table[phyNumber])) {
+        const console::Message message(console::Severity::Error);
         out << "Device Opened but Phy " << std::dec << phyNumber << " not valid." << std::endl;
         return Status::Failed;
     }
@@ -105,9 +109,11 @@ Status open_csmi_device(DeviceContext& context, const wchar_t* devicePath, std::
                 << std::endl;
         }
         return Status::Failed;
-    default:
+    default: {
+        const console::Message message(console::Severity::Error);
         out << "Uknown Protocol " << std::dec << protocol << " for Phy: " << phyNumber << std::endl;
         return Status::Failed;
+    }
     }
 
     std::memcpy(context.phyEntity, &phy, sizeof phy);

@@ -80,12 +80,13 @@ void print_driver_info(const std::wstring& path, const CSMI_SAS_DRIVER_INFO& inf
 }
 
 // IDENTIFY DEVICE through the STP pass-through to the phy in context.phyEntity; prints the
-// drive's block and counts it when the drive answers.
+// drive's block, counts it and keeps it when the drive answers.
 void identify_phy(DeviceContext& context, int port, int phyIndex, const CSMI_SAS_PHY_ENTITY& phy,
-                  const std::uint8_t* identify, ScanCounters& counters) {
+                  const std::uint8_t* identify, ScanCounters& counters, ScannedController& found) {
     std::ostream& out = console::out();
     if (issue_stp_passthru(context) != Status::Success) {
         if (context.verbose >= 1) {
+            const console::Message message(console::Severity::Error);
             console::printf(
                 "\tCSMI:%d:%d STP command FAILED with GetLastError %d to Phy[%d] Port[%d]\n\n",
                 port, phyIndex, static_cast<int>(context.lastError), phy.Identify.bPhyIdentifier,
@@ -116,10 +117,14 @@ void identify_phy(DeviceContext& context, int port, int phyIndex, const CSMI_SAS
     print_sas_address_digits(phy.Identify.bSASAddress);
     console::printf("\n\n");
     ++counters.devices;
+    ScannedDrive drive{phyIndex, {}, {}, modelNumber, serialNumber, firmwareRevision};
+    std::memcpy(drive.attachedSasAddress, phy.Attached.bSASAddress, 8);
+    std::memcpy(drive.identifySasAddress, phy.Identify.bSASAddress, 8);
+    found.drives.push_back(drive);
 }
 
 void scan_phys(DeviceContext& context, int port, const CSMI_SAS_PHY_INFO& phyInfo,
-               const std::uint8_t* identify, ScanCounters& counters) {
+               const std::uint8_t* identify, ScanCounters& counters, ScannedController& found) {
     std::ostream& out = console::out();
     const bool verbose = context.verbose >= 1;
     // Every entry of the table, whatever bNumberOfPhys claims: drivers count differently.
@@ -165,22 +170,25 @@ void scan_phys(DeviceContext& context, int port, const CSMI_SAS_PHY_INFO& phyInf
             }
             std::uint32_t error = 0;
             if (!send_ssp_inquiry(context.handle, phy, error)) {
+                const console::Message message(console::Severity::Error);
                 console::printf("SSP command FAILED with GetLastError %d\n",
                                 static_cast<int>(error));
             }
             continue;
         }
-        default:
+        default: {
+            const console::Message message(console::Severity::Error);
             out << "Uknown Protocol " << std::dec << protocol << " for Phy: " << i
                 << " so skipping. " << std::endl;
             continue;
         }
-        identify_phy(context, port, i, phy, identify, counters);
+        }
+        identify_phy(context, port, i, phy, identify, counters, found);
     }
 }
 
 void scan_port(DeviceContext& context, int port, const std::uint8_t* identify,
-               ScanCounters& counters) {
+               ScanCounters& counters, ScanRecord& record) {
     std::ostream& out = console::out();
     const bool verbose = context.verbose >= 1;
     const std::wstring path = kScsiPortPrefix + std::to_wstring(port) + L":";
@@ -209,6 +217,7 @@ void scan_port(DeviceContext& context, int port, const std::uint8_t* identify,
             print_controller_config(path, config.Configuration);
         }
     } else if (verbose) {
+        const console::Message message(console::Severity::Error);
         out << "Getting CSMI CNTLR info failed. ";
         console::wout() << path << console::wendl;
         out << std::endl;
@@ -220,6 +229,7 @@ void scan_port(DeviceContext& context, int port, const std::uint8_t* identify,
                      CC_CSMI_SAS_GET_DRIVER_INFO, sizeof driverInfo);
     if (!request_answered(handle, &driverInfo, sizeof driverInfo)) {
         if (verbose) {
+            const console::Message message(console::Severity::Error);
             out << "Getting CSMI Driver info failed. ";
             console::wout() << path << console::wendl;
             out << std::endl;
@@ -231,6 +241,10 @@ void scan_port(DeviceContext& context, int port, const std::uint8_t* identify,
         print_driver_info(path, driverInfo.Information);
     }
     ++counters.controllers;
+    record.controllers.push_back(ScannedController{port,
+                                                   field_text(driverInfo.Information.szName),
+                                                   field_text(driverInfo.Information.szDescription),
+                                                   {}});
 
     // A refused phy table leaves the cleared buffer: no phy is populated.
     CSMI_SAS_PHY_INFO_BUFFER phyInfo;
@@ -242,13 +256,13 @@ void scan_port(DeviceContext& context, int port, const std::uint8_t* identify,
     if (verbose) {
         console::printf("\n\tTotal Number of Phys: %d\n\n", phyInfo.Information.bNumberOfPhys);
     }
-    scan_phys(context, port, phyInfo.Information, identify, counters);
+    scan_phys(context, port, phyInfo.Information, identify, counters, record.controllers.back());
     win32::CloseHandle(handle);
 }
 
 } // namespace
 
-int scan_csmi_devices(std::int32_t verbose) {
+int scan_csmi_devices(std::int32_t verbose, ScanRecord& record) {
     std::uint8_t identify[512] = {};
     DeviceContext context;
     std::memset(&context, 0, sizeof context);
@@ -266,7 +280,7 @@ int scan_csmi_devices(std::int32_t verbose) {
 
     ScanCounters counters;
     for (int port = 0; port < kScanPorts; ++port) {
-        scan_port(context, port, identify, counters);
+        scan_port(context, port, identify, counters, record);
     }
 
     if (verbose >= 1) {

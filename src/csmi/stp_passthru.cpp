@@ -74,6 +74,7 @@ Status issue_stp_passthru(DeviceContext& context) {
         buffer.reset(new (std::nothrow) std::uint8_t[size]);
     }
     if (!buffer) {
+        const console::Message message(console::Severity::Error);
         console::printf("Error allocating memory for stp command\n");
         return Status::NotIssued;
     }
@@ -107,12 +108,20 @@ Status issue_stp_passthru(DeviceContext& context) {
         console::printf("------\n\n");
     }
 
+    context.returned = AtaReturnedRegisters{};
     const bool sent = send_csmi_request(context.handle, buffer.get(), size);
     context.lastError = win32::GetLastError();
     std::memcpy(&request, buffer.get(), kStpDataOffset);
+    const std::uint8_t* fis = request.Status.bStatusFIS;
+    if (sent && request.IoctlHeader.ReturnCode == 0 && fis[0] == kFisTypeRegisterDeviceToHost) {
+        // Register device-to-host FIS: Status 2, Error 3, LBA 4 to 6, Device 7, Count 12.
+        context.returned =
+            AtaReturnedRegisters{true, fis[2], fis[3], fis[12], fis[4], fis[5], fis[6], fis[7]};
+    }
 
     Status status = Status::Success;
     if (!sent || request.IoctlHeader.ReturnCode != 0) {
+        const console::Message message(console::Severity::Error);
         console::printf("%s: CMD=0x%x failed. ioret=%d GetLastErr=0x%x, "
                         "IoctlHeader->ReturnCode=%d\n",
                         "issue_stp_passthru", command, sent ? 1 : 0, context.lastError,
@@ -122,6 +131,7 @@ Status issue_stp_passthru(DeviceContext& context) {
         // The controller carried the command, and the drive ended it with an error: a ReturnCode
         // of 0 says only that the FIS exchange took place.
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             console::printf("%s: CMD=0x%x ended by the drive. Status=0x%02x Error=0x%02x\n",
                             "issue_stp_passthru", command, request.Status.bStatusFIS[2],
                             request.Status.bStatusFIS[3]);

@@ -28,6 +28,7 @@ struct DriveInfo {
     std::uint16_t generalConfiguration = 0;
     std::uint16_t securityWord = 0;
     std::uint32_t securityState = 0;
+    std::uint8_t dmSupported = 0; // word 83 bit 0, where bits 15:14 say the word is valid
     std::uint8_t dmDmaSupported = 0;
     std::uint8_t dmMode3Supported = 0;
     std::uint8_t dmOffsetsDeferredSupported = 0;

@@ -76,6 +76,7 @@ bool measure_firmware_file(const wchar_t* fileName, std::uint32_t& size) {
 }
 
 void print_image_refusal(const char* why, const wchar_t* fileName) {
+    const console::Message message(console::Severity::Error);
     console::err() << "Firmware file " << why << ": " << console::to_console_bytes(fileName)
                    << std::endl;
 }
@@ -98,6 +99,7 @@ Status read_firmware_image(const wchar_t* fileName, std::int32_t verbose, Firmwa
     if (!file) {
         const int openError = errno;
         if (verbose != 0) {
+            const console::Message message(console::Severity::Error);
             console::err() << "File Open Failure: " << std::strerror(openError) << std::endl;
         }
         return Status::BadFirmwareFile;

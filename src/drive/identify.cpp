@@ -11,6 +11,10 @@ constexpr std::uint8_t kReadLogExt = 0x2F;
 constexpr std::uint8_t kIdentifyDeviceDataLog = 0x30;
 constexpr std::uint8_t kSupportedCapabilitiesPage = 0x03;
 constexpr std::uint32_t kSectorBytes = 512;
+constexpr std::uint8_t kVendorFeatures = 0x0B;
+constexpr std::uint8_t kVendorLbaLow = 0xDB;
+constexpr std::uint8_t kVendorLbaMid = 0x97;
+constexpr std::uint8_t kVendorLbaHigh = 0x20;
 
 std::uint16_t word_at(const std::uint8_t* data, int word) {
     return static_cast<std::uint16_t>(data[2 * word] | (data[2 * word + 1] << 8));
@@ -44,6 +48,7 @@ Status identify_device(DeviceContext& context, DriveInfo& driveInfo) {
     const Status status = send_ata_command(context);
     if (status != Status::Success) {
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             console::printf("ATA IDENTIFY (0xEC) command failed [0x%x]\n", context.lastError);
         }
         return status;
@@ -55,6 +60,8 @@ Status identify_device(DeviceContext& context, DriveInfo& driveInfo) {
 
     driveInfo.generalConfiguration = word_at(data, 0);
     driveInfo.securityWord = word_at(data, 128);
+    const std::uint16_t commandSets = word_at(data, 83);
+    driveInfo.dmSupported = (commandSets & 0xC000) == 0x4000 && (commandSets & 1) != 0;
     driveInfo.dmDmaSupported = (word_at(data, 69) >> 8) & 1;
     driveInfo.dmMode3Supported = (word_at(data, 119) >> 4) & 1;
     driveInfo.dmMinBlocks = word_at(data, 234);
@@ -100,11 +107,16 @@ void read_dm_capabilities(DeviceContext& context, DriveInfo& driveInfo) {
 Status vendor_identify(DeviceContext& context) {
     std::uint8_t data[kSectorBytes] = {};
     context.registers.command = kIdentifyDevice;
-    context.registers.features = 0x0B;
+    context.registers.features = kVendorFeatures;
     context.registers.count = 1;
-    context.registers.lbaLow = 0xDB;
-    context.registers.lbaMid = 0x97;
-    context.registers.lbaHigh = 0x20;
+    context.registers.lbaLow = kVendorLbaLow;
+    context.registers.lbaMid = kVendorLbaMid;
+    context.registers.lbaHigh = kVendorLbaHigh;
     prepare_data_in(context, data, Ata28);
     return send_ata_command(context);
+}
+
+bool is_vendor_identify(const AtaRegisters& registers) {
+    return registers.features == kVendorFeatures && registers.lbaLow == kVendorLbaLow &&
+           registers.lbaMid == kVendorLbaMid && registers.lbaHigh == kVendorLbaHigh;
 }

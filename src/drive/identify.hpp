@@ -10,6 +10,9 @@
 Status identify_device(DeviceContext& context, DriveInfo& driveInfo);
 void read_dm_capabilities(DeviceContext& context, DriveInfo& driveInfo);
 Status vendor_identify(DeviceContext& context);
+// True when the registers are the vendor identify's (Features 0x0B, LBA 0x2097DB): an IDENTIFY
+// DEVICE sent while they remain is answered with the vendor's data, not IDENTIFY data.
+bool is_vendor_identify(const AtaRegisters& registers);
 
 // An ATA identify string (two characters per word, the first in the high byte) as trimmed
 // text. length must be even and non-zero.

@@ -33,10 +33,65 @@ Sink& stderr_sink() {
     return sink;
 }
 
+struct MessageState {
+    MessageListener listener;
+    bool open = false;
+    Severity severity = Severity::Error;
+    std::string bytes; // printed since the message opened
+};
+
+MessageState& message_state() {
+    static MessageState state;
+    return state;
+}
+
+bool& standard_output_muted() {
+    static bool muted = false;
+    return muted;
+}
+
+// The text the console showed for the bytes of a line.
+std::string console_bytes_to_utf8(const std::string& bytes) {
+#ifdef _WIN32
+    const UINT codePage = GetConsoleOutputCP() != 0 ? GetConsoleOutputCP() : CP_OEMCP;
+    const int size =
+        MultiByteToWideChar(codePage, 0, bytes.data(), static_cast<int>(bytes.size()), nullptr, 0);
+    std::wstring text(static_cast<std::size_t>(size > 0 ? size : 0), L'\0');
+    if (size > 0) {
+        MultiByteToWideChar(codePage, 0, bytes.data(), static_cast<int>(bytes.size()), text.data(),
+                            size);
+    }
+    return utf8::to_utf8(text);
+#else
+    return utf8::to_utf8(utf8::decode_utf8(bytes));
+#endif
+}
+
+void capture(const char* bytes, std::size_t count) {
+    MessageState& state = message_state();
+    if (state.open && state.listener) {
+        state.bytes.append(bytes, count);
+    }
+}
+
+void emit_stdout(const char* bytes, std::size_t count) {
+    capture(bytes, count);
+    if (!standard_output_muted()) {
+        stdout_sink()(bytes, count);
+    }
+}
+
+void emit_stderr(const char* bytes, std::size_t count) {
+    capture(bytes, count);
+    stderr_sink()(bytes, count);
+}
+
+using Emit = void (*)(const char* bytes, std::size_t count);
+
 // Unbuffered: every byte reaches the sink at once, so the channels stay in program order.
 class SinkBuffer : public std::streambuf {
 public:
-    explicit SinkBuffer(Sink& sink) : sink_(sink) {}
+    explicit SinkBuffer(Emit emit) : emit_(emit) {}
 
 protected:
     int_type overflow(int_type ch) override {
@@ -44,30 +99,30 @@ protected:
             return traits_type::not_eof(ch);
         }
         const char c = traits_type::to_char_type(ch);
-        sink_(&c, 1);
+        emit_(&c, 1);
         return ch;
     }
     std::streamsize xsputn(const char* bytes, std::streamsize count) override {
         if (count > 0) {
-            sink_(bytes, static_cast<std::size_t>(count));
+            emit_(bytes, static_cast<std::size_t>(count));
         }
         return count;
     }
 
 private:
-    Sink& sink_;
+    Emit emit_;
 };
 
 } // namespace
 
 std::ostream& out() {
-    static SinkBuffer buffer(stdout_sink());
+    static SinkBuffer buffer(emit_stdout);
     static std::ostream stream(&buffer);
     return stream;
 }
 
 std::ostream& err() {
-    static SinkBuffer buffer(stderr_sink());
+    static SinkBuffer buffer(emit_stderr);
     static std::ostream stream(&buffer);
     return stream;
 }
@@ -95,7 +150,7 @@ std::string to_console_bytes(std::wstring_view text) {
 WideOut& WideOut::operator<<(std::wstring_view text) {
     const std::string bytes = to_console_bytes(text);
     if (!bytes.empty()) {
-        stdout_sink()(bytes.data(), bytes.size());
+        emit_stdout(bytes.data(), bytes.size());
     }
     return *this;
 }
@@ -106,7 +161,7 @@ WideOut& WideOut::operator<<(const wchar_t* text) {
 
 WideOut& WideOut::operator<<(int value) {
     const std::string digits = std::to_string(value);
-    stdout_sink()(digits.data(), digits.size());
+    emit_stdout(digits.data(), digits.size());
     return *this;
 }
 
@@ -116,7 +171,7 @@ WideOut& wout() {
 }
 
 WideOut& wendl(WideOut& channel) {
-    stdout_sink()("\n", 1);
+    emit_stdout("\n", 1);
     return channel;
 }
 
@@ -130,13 +185,63 @@ void printf(const char* format, ...) {
     if (size > 0) {
         std::vector<char> text(static_cast<std::size_t>(size) + 1);
         std::vsnprintf(text.data(), text.size(), format, args);
-        stdout_sink()(text.data(), static_cast<std::size_t>(size));
+        emit_stdout(text.data(), static_cast<std::size_t>(size));
     }
     va_end(args);
 }
 
 void wprint(const wchar_t* text) {
     wout() << text;
+}
+
+void set_message_listener(MessageListener listener) {
+    message_state().listener = std::move(listener);
+}
+
+Message::Message(Severity severity) {
+    MessageState& state = message_state();
+    if (!state.open) {
+        state.open = true;
+        state.severity = severity;
+        state.bytes.clear();
+    }
+}
+
+Message::~Message() {
+    MessageState& state = message_state();
+    if (!state.open) {
+        return;
+    }
+    state.open = false;
+    std::string bytes;
+    bytes.swap(state.bytes);
+    if (!state.listener) {
+        return;
+    }
+    std::size_t start = 0;
+    while (start < bytes.size()) {
+        std::size_t end = bytes.find('\n', start);
+        if (end == std::string::npos) {
+            end = bytes.size();
+        }
+        const std::size_t first = bytes.find_first_not_of(" \t\r", start);
+        if (first != std::string::npos && first < end) {
+            const std::size_t last = bytes.find_last_not_of(" \t\r", end - 1);
+            state.listener(state.severity,
+                           console_bytes_to_utf8(bytes.substr(first, last + 1 - first)));
+        }
+        start = end + 1;
+    }
+}
+
+void mute_standard_output(bool muted) {
+    standard_output_muted() = muted;
+}
+
+void write_standard_output(std::string_view bytes) {
+    if (!bytes.empty()) {
+        stdout_sink()(bytes.data(), bytes.size());
+    }
 }
 
 void set_sinks(Sink standardOutput, Sink standardError) {

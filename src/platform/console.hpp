@@ -51,6 +51,26 @@ void wprint(const wchar_t* text);
 // Wide text to the bytes the console shows.
 std::string to_console_bytes(std::wstring_view text);
 
+// Error and warning lines. While a Message lives, every line printed on either stream is also
+// handed, as UTF-8 without its line end and the blanks around it, to the message listener: a
+// record of the run lists them beside the text that printed them. Messages do not nest.
+enum class Severity { Error, Warning };
+using MessageListener = std::function<void(Severity severity, std::string text)>;
+void set_message_listener(MessageListener listener); // an empty listener: none
+class Message {
+public:
+    explicit Message(Severity severity);
+    ~Message();
+    Message(const Message&) = delete;
+    Message& operator=(const Message&) = delete;
+};
+
+// A run that writes a document instead of its console texts: while muted, nothing printed on
+// standard output reaches it (standard error and the message listener are unchanged);
+// write_standard_output writes to it in either state.
+void mute_standard_output(bool muted);
+void write_standard_output(std::string_view bytes);
+
 // Tests capture the two streams; reset_sinks restores the process's own standard streams.
 void set_sinks(Sink standardOutput, Sink standardError);
 void reset_sinks();

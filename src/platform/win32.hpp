@@ -25,6 +25,7 @@ using ::DWORD;
 using ::HANDLE;
 using ::LPCWSTR;
 using ::LPWSTR;
+using ::PHANDLER_ROUTINE;
 using ::UCHAR;
 using ::ULONG;
 using ::USHORT;
@@ -43,6 +44,7 @@ using ::StorageAdapterProperty;
 using BOOL = int;
 using DWORD = std::uint32_t;
 using HANDLE = void*;
+using PHANDLER_ROUTINE = BOOL (*)(DWORD);
 using LPCWSTR = const wchar_t*;
 using LPWSTR = wchar_t*;
 using UCHAR = std::uint8_t;
@@ -134,10 +136,20 @@ BOOL DeviceIoControl(HANDLE device, DWORD ioControlCode, void* inBuffer, DWORD i
 BOOL CloseHandle(HANDLE object);
 DWORD GetLastError();
 void SetLastError(DWORD errorCode);
+// Ends early once an interrupt has come, on the backends that can wait for one.
 void Sleep(DWORD milliseconds);
+// Registers (add TRUE) or removes the routine that console-control events reach: Ctrl-C,
+// Ctrl-Break, a closed console, logoff, shutdown. Off Windows SIGINT, SIGHUP and SIGTERM arrive
+// as CTRL_C_EVENT, CTRL_CLOSE_EVENT and CTRL_SHUTDOWN_EVENT, on a thread of their own, and
+// SIGPIPE is ignored from then on.
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE routine, BOOL add);
 LPWSTR GetCommandLineW();
 // The array stays allocated until the process ends, as the run never needs it freed.
 LPWSTR* CommandLineToArgvW(LPCWSTR commandLine, int* argumentCount);
+
+// Which backend answers these calls, for the record of a run: "windows", "linux" or "simulated".
+// Each backend defines it.
+extern const char* const kBackendName;
 
 } // namespace win32
 
@@ -179,6 +191,12 @@ LPWSTR* CommandLineToArgvW(LPCWSTR commandLine, int* argumentCount);
 #define ATA_FLAGS_DATA_IN 0x02
 #define ATA_FLAGS_DATA_OUT 0x04
 #define ATA_FLAGS_48BIT_COMMAND 0x08
+
+#define CTRL_C_EVENT 0u
+#define CTRL_BREAK_EVENT 1u
+#define CTRL_CLOSE_EVENT 2u
+#define CTRL_LOGOFF_EVENT 5u
+#define CTRL_SHUTDOWN_EVENT 6u
 #endif
 
 // The values the drivers and the simulated machine rely on, checked in every build.
@@ -190,6 +208,9 @@ static_assert(IOCTL_STORAGE_QUERY_PROPERTY == 0x2D1400, "IOCTL_STORAGE_QUERY_PRO
 static_assert(win32::StorageAdapterProperty == 1 && win32::PropertyStandardQuery == 0,
               "STORAGE_PROPERTY_QUERY values");
 static_assert((GENERIC_READ | GENERIC_WRITE) == 0xC0000000u, "GENERIC_READ | GENERIC_WRITE");
+static_assert(CTRL_C_EVENT == 0 && CTRL_BREAK_EVENT == 1 && CTRL_CLOSE_EVENT == 2 &&
+                  CTRL_LOGOFF_EVENT == 5 && CTRL_SHUTDOWN_EVENT == 6,
+              "console-control events");
 static_assert(OPEN_EXISTING == 3 && FILE_SHARE_READ == 1 && FILE_SHARE_WRITE == 2, "share");
 static_assert(ERROR_INVALID_FUNCTION == 1 && ERROR_FILE_NOT_FOUND == 2 && ERROR_ACCESS_DENIED == 5,
               "error numbers");

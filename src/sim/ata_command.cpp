@@ -1,13 +1,19 @@
 #include "sim/ata_command.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "sim/drive_model.hpp"
 #include "sim/machine.hpp"
 
 namespace sim {
+
+namespace {
+constexpr std::uint8_t kDownloadMicrocode = 0x92;
+} // namespace
 
 AtaOutcome run_ata_command(Machine& m, const std::string& driveId, const AtaCommand& command,
                            DataPhase phase, std::uint8_t* data, std::uint32_t length) {
@@ -34,6 +40,10 @@ AtaOutcome run_ata_command(Machine& m, const std::string& driveId, const AtaComm
         record.note = "aborted: no drive \"" + driveId + "\"";
     } else if (fault == nullptr || fault->execute) {
         outcome = execute_on_drive(*drive, command, phase, buffer.data(), length, record.note);
+        if (command.command == kDownloadMicrocode && drive->downloadDelayMs != 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(drive->downloadDelayMs));
+            m.clockMs += drive->downloadDelayMs;
+        }
     }
     if (fault != nullptr) {
         record.injected = true;
@@ -46,6 +56,7 @@ AtaOutcome run_ata_command(Machine& m, const std::string& driveId, const AtaComm
         outcome.lbaHigh = command.lbaHigh;
         outcome.device = command.device;
         outcome.bytesMoved = fault->moved ? std::min(*fault->moved, length) : carried;
+        outcome.timedOut = fault->timeout;
         if (fault->scsiStatus) {
             outcome.scsiOverride = true;
             outcome.scsiStatus = *fault->scsiStatus;

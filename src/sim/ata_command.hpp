@@ -30,6 +30,9 @@ struct AtaOutcome {
     std::uint8_t lbaLow = 0, lbaMid = 0, lbaHigh = 0;
     std::uint8_t device = 0;
     std::uint32_t bytesMoved = 0;
+    // The host gave up waiting: the wire fails the request as a port driver does when a
+    // command outlives its time-out (ERROR_SEM_TIMEOUT), whatever the drive did.
+    bool timedOut = false;
     // An injected fault that the SAT bridge reports as this SCSI status and sense data instead
     // of translating the ATA registers; the other wires ignore it.
     bool scsiOverride = false;

@@ -81,6 +81,9 @@ win32::DWORD ata_pass_through_handler(Machine& m, const Disk& disk, std::uint8_t
 
     const AtaOutcome outcome = run_ata_command(m, disk.driveId, command, phase,
                                                phase == DataPhase::None ? nullptr : data, length);
+    if (outcome.timedOut) {
+        return time_out(m, timeout);
+    }
     current[0] = outcome.error;
     current[1] = outcome.count;
     current[2] = outcome.lbaLow;

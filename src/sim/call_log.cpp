@@ -130,6 +130,35 @@ std::string control_code_name(win32::DWORD code) {
     }
 }
 
+namespace {
+const std::pair<win32::DWORD, const char*> kConsoleEvents[] = {
+    {CTRL_C_EVENT, "CTRL_C_EVENT"},
+    {CTRL_BREAK_EVENT, "CTRL_BREAK_EVENT"},
+    {CTRL_CLOSE_EVENT, "CTRL_CLOSE_EVENT"},
+    {CTRL_LOGOFF_EVENT, "CTRL_LOGOFF_EVENT"},
+    {CTRL_SHUTDOWN_EVENT, "CTRL_SHUTDOWN_EVENT"},
+};
+} // namespace
+
+std::string console_event_name(win32::DWORD event) {
+    for (const auto& [value, name] : kConsoleEvents) {
+        if (value == event) {
+            return name;
+        }
+    }
+    return "event " + std::to_string(event);
+}
+
+bool console_event_from_name(const std::string& name, win32::DWORD& event) {
+    for (const auto& [value, known] : kConsoleEvents) {
+        if (name == known) {
+            event = value;
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string error_name(win32::DWORD error) {
     for (const NamedError& e : kErrors) {
         if (e.number == error) {

@@ -43,6 +43,9 @@ std::string control_code_name(win32::DWORD code);
 std::string error_name(win32::DWORD error);
 // The error number of a name error_name gives; false when unknown.
 bool error_from_name(const std::string& name, win32::DWORD& error);
+// CTRL_C_EVENT and the other console-control events by name, and back.
+std::string console_event_name(win32::DWORD event);
+bool console_event_from_name(const std::string& name, win32::DWORD& event);
 std::string ata_command_name(const AtaCommand& command);
 
 std::string hex_bytes(const std::uint8_t* bytes, std::size_t count);

@@ -40,6 +40,12 @@ struct Drive {
     // Block counts of modes 0x03 and 0x0E must lie within IDENTIFY words 234/235 when the drive
     // reports them (neither 0 nor 0xFFFF).
     bool enforceBlockLimits = true;
+    // The drive reports in Count after each DOWNLOAD MICROCODE what it made of it (01h more data
+    // expected, 02h applied, 03h saved for activation); without, Count echoes the command's.
+    bool downloadStatusInCount = true;
+    // Real time every DOWNLOAD MICROCODE takes, as a drive writing its flash does: a person or a
+    // test can interrupt a download while a command is with the drive. The clock moves on too.
+    std::uint32_t downloadDelayMs = 0;
 
     std::optional<DeferredImage> deferred;
 

@@ -110,6 +110,14 @@ AtaOutcome read_log_ext(Drive& drive, const AtaCommand& command, DataPhase phase
 
 AtaOutcome execute_on_drive(Drive& drive, const AtaCommand& command, DataPhase phase,
                             std::uint8_t* data, std::uint32_t length, std::string& note) {
+    // Any other command between two segments ends a segmented download: the drive drops what
+    // it has of the image and keeps its firmware.
+    if (command.command != kDownloadMicrocode && drive.downloading) {
+        drive.downloading = false;
+        drive.partial.clear();
+        drive.partial.shrink_to_fit();
+        note = "incomplete download discarded";
+    }
     switch (command.command) {
     case kIdentifyDevice:
         return identify(drive, command, phase, data, length, note);
@@ -123,6 +131,9 @@ AtaOutcome execute_on_drive(Drive& drive, const AtaCommand& command, DataPhase p
         }
         AtaOutcome outcome = answer(command, kStatusGood, 0);
         outcome.bytesMoved = phase == DataPhase::Out ? length : 0;
+        if (drive.downloadStatusInCount) {
+            outcome.count = verdict.countStatus;
+        }
         return outcome;
     }
     default:

@@ -38,6 +38,8 @@ struct CommandFault {
     std::uint32_t nth = 0;
     bool onward = false;
     bool execute = false;
+    bool timeout = false; // the host's time-out ends the command first (with execute: after the
+                          // drive carried it out)
     std::uint8_t status = 0x51;
     std::uint8_t error = 0x04;
     std::optional<std::uint32_t> moved; // bytes of the data phase reported moved
@@ -47,9 +49,20 @@ struct CommandFault {
     std::uint32_t seen = 0;
 };
 
+// A console-control event (CTRL_C_EVENT, ...) delivered count times while the run's call of that
+// sequence number is served: after a command reached the drive and before its answer returns,
+// so a DOWNLOAD MICROCODE is interrupted while it is with the drive.
+struct InterruptFault {
+    win32::DWORD event = 0;
+    std::uint64_t call = 0;
+    std::uint32_t count = 1;
+    bool delivered = false;
+};
+
 struct Faults {
     std::vector<CallFault> calls;
     std::vector<CommandFault> commands;
+    std::vector<InterruptFault> interrupts;
 };
 
 // Counts the call against every fault that matches it and returns the first that fires.

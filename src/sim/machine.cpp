@@ -12,8 +12,16 @@ Machine& machine() {
     return instance;
 }
 
+bool (*attach_real_console_events)(win32::PHANDLER_ROUTINE routine) = nullptr;
+
+std::atomic<win32::PHANDLER_ROUTINE>& console_handler() {
+    static std::atomic<win32::PHANDLER_ROUTINE> routine{nullptr};
+    return routine;
+}
+
 void reset_machine() {
     machine() = Machine{};
+    console_handler() = nullptr;
 }
 
 void set_command_line(std::vector<std::wstring> arguments) {
@@ -52,6 +60,11 @@ std::uint32_t disk_transfer_limit(const Disk& disk) {
                            : std::min(limit, std::max<std::uint64_t>(pages, 1));
     }
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(limit, 0xFFFFFFFF));
+}
+
+win32::DWORD time_out(Machine& m, std::uint32_t timeoutSeconds) {
+    m.clockMs += std::uint64_t{timeoutSeconds} * 1000;
+    return ERROR_SEM_TIMEOUT;
 }
 
 std::size_t open_handle_count(const Machine& m) {

@@ -3,6 +3,7 @@
 // faults and the call log. One machine per process; the seam's functions work on it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -47,6 +48,12 @@ struct Disk {
 // maxPhysicalPages; 0 when neither limits it.
 std::uint32_t disk_transfer_limit(const Disk& disk);
 
+struct Machine;
+
+// A pass-through whose command outlived its time-out: the clock moves on by the time-out and the
+// request fails with ERROR_SEM_TIMEOUT, as the port driver fails it after resetting the link.
+win32::DWORD time_out(Machine& machine, std::uint32_t timeoutSeconds);
+
 struct OpenHandle {
     std::wstring path;
     int disk = -1;       // index into Machine::disks, or -1
@@ -87,6 +94,12 @@ struct Machine {
 };
 
 Machine& machine();
+// The routine the program registered with SetConsoleCtrlHandler; null when none. Apart from the
+// machine, as real events (quenmark-sim on a real console) reach it from a thread of their own.
+std::atomic<win32::PHANDLER_ROUTINE>& console_handler();
+// quenmark-sim passes a registration on to the real console events too, so that a real Ctrl-C or
+// signal reaches the run as it reaches the product; in-process tests leave it unset.
+extern bool (*attach_real_console_events)(win32::PHANDLER_ROUTINE routine);
 // An empty machine: no drives, no disks, no faults, an empty log, the clock at 0.
 void reset_machine();
 // Replaces the machine with the one the JSON text describes; files it names are relative to

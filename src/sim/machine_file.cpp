@@ -145,8 +145,8 @@ bool read_drive(const json& d, const std::string& where, const std::string& base
                 std::string& error) {
     if (!check_keys(d, where,
                     {"id", "identifyFile", "model", "serial", "firmware", "words", "identifyLog",
-                     "vendorIdentify", "downloadModes", "enforceBlockLimits", "failDownload",
-                     "state"},
+                     "vendorIdentify", "downloadModes", "enforceBlockLimits",
+                     "downloadStatusInCount", "downloadDelayMs", "failDownload", "state"},
                     error)) {
         return false;
     }
@@ -287,7 +287,9 @@ bool read_drive(const json& d, const std::string& where, const std::string& base
             }
         }
     }
-    if (!read_bool(d, "enforceBlockLimits", where, drive.enforceBlockLimits, error)) {
+    if (!read_bool(d, "enforceBlockLimits", where, drive.enforceBlockLimits, error) ||
+        !read_bool(d, "downloadStatusInCount", where, drive.downloadStatusInCount, error) ||
+        !read_field(d, "downloadDelayMs", where, drive.downloadDelayMs, error)) {
         return false;
     }
     if (d.contains("state") && !read_state(d["state"], where + ".state", drive, error)) {
@@ -337,6 +339,36 @@ bool read_disk(const json& d, const std::string& where, Disk& disk, std::string&
     return true;
 }
 
+bool read_interrupt(const json& f, const std::string& where, InterruptFault& fault,
+                    std::string& error) {
+    if (!check_keys(f, where, {"event", "call", "count"}, error)) {
+        return false;
+    }
+    if (!f.contains("event") || !f.contains("call")) {
+        return fail(error, where,
+                    "needs an \"event\" (a name such as CTRL_C_EVENT) and a \"call\"");
+    }
+    const json& event = f["event"];
+    if (event.is_string()) {
+        if (!console_event_from_name(event.get<std::string>(), fault.event)) {
+            return fail(error, where + ".event",
+                        "unknown event \"" + event.get<std::string>() +
+                            "\" (CTRL_C_EVENT, CTRL_BREAK_EVENT, CTRL_CLOSE_EVENT, "
+                            "CTRL_LOGOFF_EVENT, CTRL_SHUTDOWN_EVENT)");
+        }
+    } else if (!read_field(f, "event", where, fault.event, error)) {
+        return false;
+    }
+    if (!read_field(f, "call", where, fault.call, error) ||
+        !read_field(f, "count", where, fault.count, error)) {
+        return false;
+    }
+    if (fault.call == 0 || fault.count == 0) {
+        return fail(error, where, "\"call\" and \"count\" count from 1");
+    }
+    return true;
+}
+
 bool read_call_fault(const json& f, const std::string& where, CallFault& fault,
                      std::string& error) {
     if (!check_keys(f, where, {"function", "ioctl", "nth", "call", "onward", "error"}, error) ||
@@ -370,8 +402,8 @@ bool read_call_fault(const json& f, const std::string& where, CallFault& fault,
 bool read_command_fault(const json& f, const std::string& where, CommandFault& fault,
                         std::string& error) {
     if (!check_keys(f, where,
-                    {"command", "features", "drive", "nth", "onward", "execute", "status", "error",
-                     "moved", "scsiStatus", "sense"},
+                    {"command", "features", "drive", "nth", "onward", "execute", "timeout",
+                     "status", "error", "moved", "scsiStatus", "sense"},
                     error)) {
         return false;
     }
@@ -383,6 +415,7 @@ bool read_command_fault(const json& f, const std::string& where, CommandFault& f
         !read_field(f, "nth", where, fault.nth, error) ||
         !read_bool(f, "onward", where, fault.onward, error) ||
         !read_bool(f, "execute", where, fault.execute, error) ||
+        !read_bool(f, "timeout", where, fault.timeout, error) ||
         !read_field(f, "status", where, fault.status, error) ||
         !read_field(f, "error", where, fault.error, error)) {
         return false;
@@ -487,10 +520,10 @@ bool read_machine(const json& document, const std::string& baseDir, Machine& m,
     }
     if (document.contains("faults")) {
         const json& faults = document["faults"];
-        if (!check_keys(faults, "faults", {"calls", "commands"}, error)) {
+        if (!check_keys(faults, "faults", {"calls", "commands", "interrupts"}, error)) {
             return false;
         }
-        for (const char* key : {"calls", "commands"}) {
+        for (const char* key : {"calls", "commands", "interrupts"}) {
             if (faults.contains(key) && !faults[key].is_array()) {
                 return fail(error, std::string("faults.") + key, "must be an array");
             }
@@ -510,6 +543,15 @@ bool read_machine(const json& document, const std::string& baseDir, Machine& m,
                 return false;
             }
             m.faults.commands.push_back(fault);
+        }
+        for (std::size_t i = 0; faults.contains("interrupts") && i < faults["interrupts"].size();
+             ++i) {
+            InterruptFault fault;
+            if (!read_interrupt(faults["interrupts"][i],
+                                "faults.interrupts[" + std::to_string(i) + "]", fault, error)) {
+                return false;
+            }
+            m.faults.interrupts.push_back(fault);
         }
     }
     return true;
@@ -603,7 +645,10 @@ json demo_machine() {
                        {"serial", "QS0000000001"},
                        {"firmware", "QS010001"},
                        {"words", {{"69", "0x0100"}, {"128", "0x0021"}, {"234", 1}, {"235", 2048}}},
-                       {"identifyLog", {{"dmOffsetsDeferred", true}}}},
+                       {"identifyLog", {{"dmOffsetsDeferred", true}}},
+                       // Long enough per segment for a person to see the progress, and to
+                       // interrupt it.
+                       {"downloadDelayMs", 100}},
                       {{"id", "hdd1"},
                        {"model", "QSIM SATA HDD 2TB"},
                        {"serial", "QH0000000002"},

@@ -60,9 +60,10 @@ DownloadVerdict reject(Drive& drive, const std::string& prefix, const std::strin
     return verdict;
 }
 
-DownloadVerdict accept(const std::string& note) {
+DownloadVerdict accept(const std::string& note, std::uint8_t countStatus) {
     DownloadVerdict verdict;
     verdict.accepted = true;
+    verdict.countStatus = countStatus;
     verdict.note = note;
     return verdict;
 }
@@ -82,10 +83,10 @@ DownloadVerdict finish(Drive& drive, std::uint8_t mode, const std::string& prefi
     drive.partial.shrink_to_fit();
     if (mode == kModeOffsetsDeferred) {
         drive.deferred = DeferredImage{revision, length, crc};
-        return accept(prefix + "image complete, deferred \"" + revision + "\"");
+        return accept(prefix + "image complete, deferred \"" + revision + "\"", kCountSaved);
     }
     activate(drive, revision);
-    return accept(prefix + "image complete, activated \"" + revision + "\"");
+    return accept(prefix + "image complete, activated \"" + revision + "\"", kCountApplied);
 }
 
 DownloadVerdict segment(Drive& drive, std::uint8_t mode, std::uint16_t blocks, std::uint16_t offset,
@@ -147,7 +148,8 @@ DownloadVerdict segment(Drive& drive, std::uint8_t mode, std::uint16_t blocks, s
     }
     drive.nextOffset = static_cast<std::uint16_t>(offset + blocks);
     return accept(prefix + format("accepted, %u bytes of %u", static_cast<unsigned>(received),
-                                  image_length(drive.partial.data())));
+                                  image_length(drive.partial.data())),
+                  kCountMoreDataExpected);
 }
 
 } // namespace
@@ -178,7 +180,7 @@ DownloadVerdict download_microcode(Drive& drive, const AtaCommand& command, Data
         }
         const std::string revision = drive.deferred->revision;
         activate(drive, revision);
-        return accept(prefix + "activated \"" + revision + "\"");
+        return accept(prefix + "activated \"" + revision + "\"", kCountApplied);
     }
 
     if (phase != DataPhase::Out || length == 0) {

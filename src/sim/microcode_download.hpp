@@ -11,9 +11,15 @@
 
 namespace sim {
 
+// What the drive reports in Count after a DOWNLOAD MICROCODE it accepted.
+constexpr std::uint8_t kCountMoreDataExpected = 0x01;
+constexpr std::uint8_t kCountApplied = 0x02;
+constexpr std::uint8_t kCountSaved = 0x03;
+
 struct DownloadVerdict {
     bool accepted = false;
-    std::string note; // for the call log: what the drive did, or why it aborted
+    std::uint8_t countStatus = 0; // with accepted
+    std::string note;             // for the call log: what the drive did, or why it aborted
 };
 
 // data holds length bytes of the data-out phase (none for DataPhase::None).

@@ -50,6 +50,7 @@ struct ScsiAnswer {
     std::uint8_t status = kGood;
     std::vector<std::uint8_t> sense;
     std::uint32_t moved = 0;
+    bool timedOut = false;
 };
 
 ScsiAnswer check_condition(std::uint8_t key, std::uint8_t asc, std::uint8_t ascq) {
@@ -222,6 +223,7 @@ ScsiAnswer ata_pass_through_16(Machine& m, const Disk& disk, const std::uint8_t*
     const AtaOutcome outcome = run_ata_command(m, disk.driveId, command, phase, data, length);
     ScsiAnswer answer;
     answer.moved = outcome.bytesMoved;
+    answer.timedOut = outcome.timedOut;
     if (outcome.scsiOverride) {
         answer.status = outcome.scsiStatus;
         answer.sense = outcome.sense;
@@ -299,6 +301,9 @@ win32::DWORD sat_pass_through(Machine& m, const Disk& disk, std::uint8_t* buffer
         answer = invalid_opcode();
     }
 
+    if (answer.timedOut) {
+        return time_out(m, timeout);
+    }
     const std::size_t senseReturned = std::min<std::size_t>(answer.sense.size(), senseLength);
     buffer[kScsiStatus] = answer.status;
     write_le32(buffer, kDataTransferLength, answer.moved);

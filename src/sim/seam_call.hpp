@@ -20,6 +20,9 @@ public:
     void fail(win32::DWORD error);
     // True when an injected fault fails this call; it has then failed it.
     bool injected_failure(win32::DWORD ioControlCode = 0);
+    // Delivers the interrupts set for this call to the registered console-control routine;
+    // true when one reached it. The destructor delivers them too, if nothing did before.
+    bool deliver_interrupts();
 
     CallRecord record;
 

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "app/run_driver.hpp"
+#include "platform/console_events.hpp"
 #include "sim/call_log.hpp"
 #include "sim/machine.hpp"
 #include "sim/machine_file.hpp"
@@ -58,6 +59,7 @@ int main(int argumentCount, char** arguments) {
         return machine_file_error(machinePath, error);
     }
 
+    sim::attach_real_console_events = console_events::attach;
     int exitCode = quenmark_main(argumentCount, arguments);
 
     if (!machinePath.empty() && !sim::save_machine_file(machinePath, error)) {

@@ -327,12 +327,38 @@ void SetLastError(DWORD errorCode) {
     m.lastError = errorCode;
 }
 
+namespace {
+// A real event on its way to the routine the program registered with the simulated machine.
+BOOL real_event(DWORD event) {
+    const PHANDLER_ROUTINE routine = sim::console_handler().load();
+    return routine != nullptr ? routine(event) : 0;
+}
+} // namespace
+
+// An interrupt during the pause ends it at once, as the real backends' pause does.
 void Sleep(DWORD milliseconds) {
     sim::Machine& m = sim::machine();
     sim::SeamCall call(m, "Sleep");
-    m.clockMs += milliseconds;
     call.record.request = std::to_string(milliseconds);
+    if (call.deliver_interrupts()) {
+        call.record.result =
+            "clock=" + std::to_string(m.clockMs) + " cut short" + call.record.result;
+        return;
+    }
+    m.clockMs += milliseconds;
     call.record.result = "clock=" + std::to_string(m.clockMs);
+}
+
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE routine, BOOL add) {
+    sim::Machine& m = sim::machine();
+    sim::SeamCall call(m, "SetConsoleCtrlHandler");
+    call.record.request = add ? "add" : "remove";
+    sim::console_handler() = add ? routine : nullptr;
+    if (add != 0 && sim::attach_real_console_events != nullptr) {
+        sim::attach_real_console_events(real_event);
+    }
+    call.record.result = "TRUE";
+    return 1;
 }
 
 } // namespace win32

@@ -56,11 +56,13 @@ Status ata_pass_through(DeviceContext& context) {
         request.DataTransferLength = context.transferLength;
         request.DataBuffer = context.dataBuffer;
         break;
-    default:
+    default: {
         // Still sent, without a data phase; a drive that accepts it does not make it right.
+        const console::Message message(console::Severity::Error);
         console::out() << "No valid data direction set " << context.dataDirection << std::endl;
         result = Status::Failed;
         break;
+    }
     }
 
     request.PathId = context.pathId;
@@ -86,6 +88,7 @@ Status ata_pass_through(DeviceContext& context) {
         request.AtaFlags |= ATA_FLAGS_48BIT_COMMAND;
     }
 
+    context.returned = AtaReturnedRegisters{};
     win32::SetLastError(0);
     win32::DWORD bytesReturned = 0;
     const win32::BOOL sent =
@@ -95,6 +98,7 @@ Status ata_pass_through(DeviceContext& context) {
 
     if (!sent) {
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             console::printf(" WinIoStatus = 0x%x", context.lastError);
         }
         return context.lastError == ERROR_INVALID_FUNCTION ? Status::InterfaceNotSupported
@@ -102,6 +106,14 @@ Status ata_pass_through(DeviceContext& context) {
     }
 
     const std::uint8_t* taskFile = request.CurrentTaskFile;
+    context.returned = AtaReturnedRegisters{true,
+                                            taskFile[OutStatus],
+                                            taskFile[OutError],
+                                            taskFile[OutCount],
+                                            taskFile[OutLbaLow],
+                                            taskFile[OutLbaMid],
+                                            taskFile[OutLbaHigh],
+                                            taskFile[OutDevice]};
     if (taskFile[OutStatus] == kStatusReadyComplete) {
         return result;
     }
@@ -116,6 +128,7 @@ Status ata_pass_through(DeviceContext& context) {
     if (context.verbose == 0) {
         return Status::DeviceError;
     }
+    const console::Message message(console::Severity::Error);
     print_register_dump(request, bytesReturned, context.transferLength);
     return Status::DeviceError;
 }

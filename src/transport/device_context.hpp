@@ -53,6 +53,29 @@ enum CommandWidth : std::uint32_t {
 
 constexpr std::size_t kPhyEntityBytes = 64;
 
+// The drive's output registers at the end of a command, when the transport could read them: the
+// ATA pass-through's task file, a CSMI status FIS, or the SAT layer's ATA Status Return sense
+// data. DOWNLOAD MICROCODE reports in Count whether the drive took the image.
+struct AtaReturnedRegisters {
+    bool valid;
+    std::uint8_t status;
+    std::uint8_t error;
+    std::uint8_t count;
+    std::uint8_t lbaLow;
+    std::uint8_t lbaMid;
+    std::uint8_t lbaHigh;
+    std::uint8_t device;
+};
+
+// The SCSI sense data of a command the SCSI pass-through ended with CHECK CONDITION: sense key,
+// additional sense code and qualifier, in fixed or descriptor format.
+struct ReturnedSense {
+    bool valid;
+    std::uint8_t key;
+    std::uint8_t asc;
+    std::uint8_t ascq;
+};
+
 struct DeviceContext {
     win32::HANDLE handle;
     // These five fields are the SCSI_ADDRESS record that IOCTL_SCSI_GET_ADDRESS fills in place.
@@ -72,6 +95,11 @@ struct DeviceContext {
     std::uint32_t commandWidth;
     AtaRegisters registers;
     std::uint8_t phyEntity[kPhyEntityBytes]; // CSMI_SAS_PHY_ENTITY of the selected phy
+    // Set by a builder that needs the registers its next commands end with: SCSI pass-through
+    // then asks the SAT layer for them (CK_COND); the other transports always return them.
+    bool registersRequested;
+    AtaReturnedRegisters returned; // of the last command; valid false when none came back
+    ReturnedSense sense;           // of the last command; valid false when none came back
 };
 
 static_assert(offsetof(DeviceContext, portNumber) == offsetof(DeviceContext, scsiAddressLength) +

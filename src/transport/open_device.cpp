@@ -14,6 +14,7 @@ Status open_device(DeviceContext& context, const wchar_t* devicePath) {
         if (context.verbose == 0) {
             return Status::NoDevice;
         }
+        const console::Message message(console::Severity::Error);
         if (context.lastError == ERROR_ACCESS_DENIED) {
             console::out() << "CreateFileW Failed due to ACCESS DENIED error." << std::endl;
             console::out() << "Admin mode is required for this tool to perform." << std::endl;
@@ -34,6 +35,7 @@ Status open_device(DeviceContext& context, const wchar_t* devicePath) {
     }
     context.lastError = win32::GetLastError();
     if (context.verbose != 0) {
+        const console::Message message(console::Severity::Error);
         console::out() << "DeviceIoControl for IOCTL_SCSI_GET_ADDRESS Error: " << context.lastError;
     }
     return Status::NoDevice;

@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <cstring>
 #include <ios>
 #include <ostream>
 
+#include "platform/ata_sense.hpp"
 #include "platform/console.hpp"
 #include "transport/scsi_pass_through_request.hpp"
 #include "transport/transport.hpp"
@@ -15,6 +17,7 @@ constexpr std::uint8_t kExtend = 0x01;
 constexpr std::uint8_t kTDirIn = 0x08;
 constexpr std::uint8_t kBytBlok = 0x04;
 constexpr std::uint8_t kTLengthInCount = 0x02;
+constexpr std::uint8_t kCkCond = 0x20;
 constexpr std::uint8_t kCheckCondition = 0x02;
 
 void print_check_condition(const DeviceContext& context, const ScsiPassThroughRequest& request) {
@@ -22,6 +25,44 @@ void print_check_condition(const DeviceContext& context, const ScsiPassThroughRe
     out << "CHECK CONDITION ERROR for CMD: " << std::hex << unsigned{context.registers.command}
         << "Sense Buffer: " << unsigned{request.sense[0]} << unsigned{request.sense[1]}
         << unsigned{request.sense[2]} << std::dec << std::endl;
+}
+
+// A command sent with CK_COND that the drive completed comes back as CHECK CONDITION too:
+// RECOVERED ERROR with the registers asked for, which are kept when they can be read.
+bool completed_with_registers(const ScsiPassThroughRequest& request, AtaReturnedRegisters& out) {
+    const std::size_t written =
+        std::min<std::size_t>(request.header.SenseInfoLength, kSenseInfoLength);
+    if (!sat::sense_reports_ata_information(request.sense, written)) {
+        return false;
+    }
+    const sat::AtaSenseReading reading = sat::read_ata_sense(request.sense, written);
+    if (reading.verdict == sat::AtaSenseVerdict::TaskFile) {
+        const std::uint8_t* current = reading.current;
+        out = AtaReturnedRegisters{true,       current[6], current[0], current[1],
+                                   current[2], current[3], current[4], current[5]};
+    }
+    return true;
+}
+
+// What a failed command's sense data say: the key, ASC and ASCQ, and the drive's registers
+// where the SAT layer put them.
+void keep_failure_sense(const ScsiPassThroughRequest& request, DeviceContext& context) {
+    const std::size_t written =
+        std::min<std::size_t>(request.header.SenseInfoLength, kSenseInfoLength);
+    const std::uint8_t* sense = request.sense;
+    if (written >= 4 && (sense[0] & 0x7F) == 0x72) {
+        context.sense =
+            ReturnedSense{true, static_cast<std::uint8_t>(sense[1] & 0x0F), sense[2], sense[3]};
+    } else if (written >= 14 && (sense[0] & 0x7F) == 0x70) {
+        context.sense =
+            ReturnedSense{true, static_cast<std::uint8_t>(sense[2] & 0x0F), sense[12], sense[13]};
+    }
+    const sat::AtaSenseReading reading = sat::read_ata_sense(sense, written);
+    if (reading.verdict == sat::AtaSenseVerdict::TaskFile) {
+        const std::uint8_t* current = reading.current;
+        context.returned = AtaReturnedRegisters{true,       current[6], current[0], current[1],
+                                                current[2], current[3], current[4], current[5]};
+    }
 }
 
 } // namespace
@@ -53,10 +94,12 @@ Status scsi_pass_through(DeviceContext& context) {
         sptd.DataTransferLength = context.transferLength;
         sptd.DataBuffer = context.dataBuffer;
         break;
-    default:
+    default: {
         // Sent anyway, with no data phase: DataIn 0 reads as data out of zero bytes.
+        const console::Message message(console::Severity::Error);
         console::out() << "\nData Direction Unspecified.\n";
         break;
+    }
     }
 
     sptd.Cdb[1] = context.dataDirection == DataIn ? kProtocolPioDataIn : kProtocolPioDataOut;
@@ -64,7 +107,12 @@ Status scsi_pass_through(DeviceContext& context) {
         sptd.Cdb[1] |= kExtend;
     }
     sptd.Cdb[2] |= kBytBlok | kTLengthInCount;
+    if (context.registersRequested) {
+        sptd.Cdb[2] |= kCkCond;
+    }
     std::memcpy(&sptd.Cdb[3], &context.registers, sizeof(AtaRegisters));
+    context.returned = AtaReturnedRegisters{};
+    context.sense = ReturnedSense{};
 
     sptd.TimeOutValue =
         context.timeoutSeconds != 0 ? context.timeoutSeconds : kDefaultTimeoutSeconds;
@@ -80,18 +128,26 @@ Status scsi_pass_through(DeviceContext& context) {
     if (!sent) {
         if (context.lastError == ERROR_INVALID_FUNCTION) {
             if (context.verbose != 0) {
+                const console::Message message(console::Severity::Error);
                 console::out() << "IO Error ERROR_INVALID_FUNCTION [" << context.lastError << "]"
                                << std::endl;
             }
             return Status::InterfaceNotSupported;
         }
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             console::out() << "IO Error [" << context.lastError << "]" << std::endl;
         }
         return Status::Failed;
     }
+    if (sptd.ScsiStatus == kCheckCondition && context.registersRequested &&
+        completed_with_registers(request, context.returned)) {
+        return Status::Success;
+    }
     if (sptd.ScsiStatus == kCheckCondition) {
+        keep_failure_sense(request, context);
         if (context.verbose != 0) {
+            const console::Message message(console::Severity::Error);
             print_check_condition(context, request);
         }
         return Status::DeviceError;

@@ -14,4 +14,7 @@ enum class Status : std::int32_t {
     OutOfMemory = 10,
     DeviceError = 11, // the drive ended the command with an error
     CrcAbort = 13,    // ATA pass-through: interface CRC error with abort (Error 0x84)
+    TimedOut = 14,    // a DOWNLOAD MICROCODE did not end within its time-out; the drive's
+                      // state is unknown until it is read again
+    Interrupted = 15, // an interrupt kept back a firmware command the run would have sent
 };

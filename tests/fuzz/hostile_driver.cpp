@@ -270,6 +270,10 @@ void SetLastError(DWORD errorCode) {
 
 void Sleep(DWORD) {}
 
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE, BOOL) {
+    return 1;
+}
+
 LPWSTR GetCommandLineW() {
     static wchar_t line[] = L"quenmark";
     return line;

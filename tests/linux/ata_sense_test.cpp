@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/ata_sense.hpp"
+#include "platform/ata_sense.hpp"
 
 namespace {
 
-using linux_backend::AtaSenseVerdict;
+using sat::AtaSenseVerdict;
 constexpr AtaSenseVerdict kTaskFile = AtaSenseVerdict::TaskFile;
 constexpr AtaSenseVerdict kNone = AtaSenseVerdict::NoTaskFile;
 
@@ -27,6 +27,8 @@ struct SenseCase {
     std::vector<std::uint8_t> registers = {};
     std::string scsiStatus = {};     // a capture's SCSI status as written
     const char* expectedStatus = ""; // and as it must be
+    // RECOVERED ERROR, ATA PASS-THROUGH INFORMATION AVAILABLE: a completed command, not a failure.
+    bool completed = false;
 };
 
 // The line "identify status=02 host=0000 driver=0008 resid=0 sense=70 00 0b ..." of a capture;
@@ -68,7 +70,7 @@ TEST_P(AtaSense, RegistersStandWhereTheTranslatorPutThem) {
     EXPECT_EQ(c.scsiStatus, c.expectedStatus);
     std::vector<std::uint8_t> sense = c.sense;
     sense.resize(64, 0xEE);
-    const auto reading = linux_backend::read_ata_sense(sense.data(), c.sense.size());
+    const auto reading = sat::read_ata_sense(sense.data(), c.sense.size());
     ASSERT_EQ(reading.verdict, c.verdict);
     if (c.verdict == kTaskFile) {
         std::vector<std::uint8_t> expected = c.registers;
@@ -81,7 +83,8 @@ TEST_P(AtaSense, RegistersStandWhereTheTranslatorPutThem) {
     }
     // A GOOD status hides a failed command when the sense data show ERR or DF.
     const bool failed = c.verdict == kTaskFile && (c.registers.at(6) & 0x21) != 0;
-    EXPECT_EQ(linux_backend::sense_shows_ata_error(sense.data(), c.sense.size()), failed);
+    EXPECT_EQ(sat::sense_shows_ata_error(sense.data(), c.sense.size()), failed);
+    EXPECT_EQ(sat::sense_reports_ata_information(sense.data(), c.sense.size()), c.completed);
 }
 
 const SenseCase kWritten[] = {
@@ -96,12 +99,32 @@ const SenseCase kWritten[] = {
      {0x72, 0x01, 0x00, 0x1D, 0,    0,    0,    0x0E, 0x09, 0x0C, 0x00,
       0x00, 0xAA, 0x01, 0xBB, 0x02, 0xCC, 0x03, 0xDD, 0x04, 0xE0, 0x50},
      kTaskFile,
-     {0x00, 0x01, 0x02, 0x03, 0x04, 0xE0, 0x50}},
+     {0x00, 0x01, 0x02, 0x03, 0x04, 0xE0, 0x50},
+     {},
+     "",
+     true},
     {"DescriptorFormat48BitKeepsTheHighBytes",
      {0x72, 0x01, 0x00, 0x1D, 0,    0,    0,    0x0E, 0x09, 0x0C, 0x01,
       0x00, 0x11, 0x01, 0x22, 0x02, 0x33, 0x03, 0x44, 0x04, 0x40, 0x50},
      kTaskFile,
-     {0x00, 0x01, 0x02, 0x03, 0x04, 0x40, 0x50, 0x11, 0x22, 0x33, 0x44}},
+     {0x00, 0x01, 0x02, 0x03, 0x04, 0x40, 0x50, 0x11, 0x22, 0x33, 0x44},
+     {},
+     "",
+     true},
+    // The same in fixed format, where a translator keeps D_SENSE clear: VALID, the registers in
+    // the INFORMATION field (Count 03h: the drive saved the image for activation).
+    {"FixedFormatCompletedWithRegisters",
+     {0xF0, 0, 0x01, 0x00, 0x50, 0x40, 0x03, 0x0A, 0, 0x00, 0xC0, 0x00, 0x00, 0x1D, 0, 0, 0, 0},
+     kTaskFile,
+     {0x00, 0x03, 0x00, 0xC0, 0x00, 0x40, 0x50},
+     {},
+     "",
+     true},
+    // Fixed format cut before the ASC: the completion cannot be told.
+    {"FixedFormatCutBeforeTheAsc",
+     {0xF0, 0, 0x01, 0x00, 0x50, 0x40, 0x03, 0x0A, 0, 0x00, 0xC0, 0x00},
+     kTaskFile,
+     {0x00, 0x03, 0x00, 0xC0, 0x00, 0x40, 0x50}},
     // The ATA descriptor need not come first, and it is the outcome whatever the key.
     {"DescriptorAfterAnotherUnderIllegalRequest",
      {0x72, 0x05, 0x24, 0x00, 0,    0,    0,    0x1A, 0x00, 0x0A, 0x80, 0, 0, 0, 0, 0,    0,
@@ -123,11 +146,19 @@ const SenseCase kWritten[] = {
     {"TruncatedAtaDescriptor",
      {0x72, 0x01, 0x00, 0x1D, 0,    0,    0,    0x0E, 0x09, 0x0C, 0x00,
       0x00, 0xAA, 0x01, 0xBB, 0x02, 0xCC, 0x03, 0xDD, 0x04, 0xE0},
-     kNone},
+     kNone,
+     {},
+     {},
+     "",
+     true},
     {"DescriptorListEndsAtTheAdditionalLength",
      {0x72, 0x01, 0x00, 0x1D, 0, 0, 0, 0x00, 0x09, 0x0C, 0x00,
       0x00, 0,    0x01, 0,    0, 0, 0, 0,    0,    0x40, 0x50},
-     kNone},
+     kNone,
+     {},
+     {},
+     "",
+     true},
     {"DescriptorFormatWithoutAtaDescriptor", {0x72, 0x06, 0x29, 0x00, 0, 0, 0, 0x00}, kNone},
     // A deferred error belongs to an earlier command.
     {"DeferredFixedFormat",

@@ -82,8 +82,9 @@ done
 
 # --- the Windows zip -----------------------------------------------------------------------
 
-check "zip holds Quenmark.exe, README.md, exit-codes.md and nothing else" \
-  diff <(printf '%s\n' Quenmark.exe README.md exit-codes.md | sort) <(unzip -Z1 "$zip" | sort)
+check "zip holds Quenmark.exe, README.md, exit-codes.md, json.md, the schema and nothing else" \
+  diff <(printf '%s\n' Quenmark.exe README.md exit-codes.md json.md quenmark.schema.json | sort) \
+  <(unzip -Z1 "$zip" | sort)
 mkdir -p "$work/zip"
 unzip -q "$zip" -d "$work/zip"
 exe=$work/zip/Quenmark.exe
@@ -93,8 +94,8 @@ check "zip's exit-codes.md is docs/exit-codes.md" cmp docs/exit-codes.md "$work/
 # The exit-code table of the reference is README.md's, row for row, codes 0 to 10.
 table_rows() { grep -E '^\| [0-9]+ \|' "$1"; }
 check "exit-codes.md has README.md's exit-code table" diff <(table_rows README.md) <(table_rows docs/exit-codes.md)
-check "exit-code table lists 0 1 2 4 5 6 8 9 10" \
-  test "$(table_rows docs/exit-codes.md | awk -F'|' '{gsub(/ /, "", $2); printf "%s ", $2}')" = "0 1 2 4 5 6 8 9 10 "
+check "exit-code table lists 0 1 2 3 4 5 6 8 9 10" \
+  test "$(table_rows docs/exit-codes.md | awk -F'|' '{gsub(/ /, "", $2); printf "%s ", $2}')" = "0 1 2 3 4 5 6 8 9 10 "
 
 check "Quenmark.exe is a console program" \
   bash -c 'x86_64-w64-mingw32-objdump -p "$1" | grep -Eq "^Subsystem[[:space:]]+00000003"' _ "$exe"
@@ -242,7 +243,8 @@ fi
 top=quenmark-$version-linux-amd64
 check "tarball holds sbin/quenmark, the man page and the docs" diff \
   <(printf '%s\n' "$top/sbin/quenmark" "$top/share/man/man8/quenmark.8.gz" \
-    "$top/share/doc/quenmark/README.md" "$top/share/doc/quenmark/exit-codes.md" | sort) \
+    "$top/share/doc/quenmark/README.md" "$top/share/doc/quenmark/exit-codes.md" \
+    "$top/share/doc/quenmark/json.md" "$top/share/doc/quenmark/quenmark.schema.json" | sort) \
   <(tar -tzf "$tarball" | grep -v '/$' | sort)
 mkdir -p "$work/tar"
 tar -xzf "$tarball" -C "$work/tar"

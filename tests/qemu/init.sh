@@ -20,6 +20,8 @@ done
 
 tracing=/sys/kernel/tracing
 echo 1 >"$tracing/events/libata/ata_qc_issue/enable"
+# Completions too, so that the suite can time a download from its first command to its last.
+echo 1 >"$tracing/events/libata/ata_qc_complete_done/enable"
 stty -F /dev/ttyS1 raw -echo
 echo QUENMARK-VM-UP >/dev/ttyS1
 
@@ -34,11 +36,16 @@ run_case() {
     out=/results/$1
     mkdir -p "$out"
     set --
-    while IFS= read -r line || [ -n "$line" ]; do
-        set -- "$@" "$line"
-    done <"$case_dir/args"
     program=quenmark
-    [ -f "$case_dir/program" ] && program=$(cat "$case_dir/program")
+    if [ -f "$case_dir/steps" ]; then
+        set -- "$case_dir/steps"
+        program=run-steps
+    else
+        while IFS= read -r line || [ -n "$line" ]; do
+            set -- "$@" "$line"
+        done <"$case_dir/args"
+        [ -f "$case_dir/program" ] && program=$(cat "$case_dir/program")
+    fi
     echo >"$tracing/trace"
     start=$(uptime_cs)
     if [ -f "$case_dir/user" ]; then

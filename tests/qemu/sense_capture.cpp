@@ -133,10 +133,10 @@ std::vector<std::string> split(const std::string& text, char separator) {
     return parts;
 }
 
-int download_microcode(int fd, const std::string& spec, const DmSettings& settings) {
-    const std::vector<std::string> parts = split(spec, ':');
+int download_microcode(int fd, const std::string& request, const DmSettings& settings) {
+    const std::vector<std::string> parts = split(request, ':');
     if (parts.size() < 4) {
-        std::fprintf(stderr, "bad command %s\n", spec.c_str());
+        std::fprintf(stderr, "bad command %s\n", request.c_str());
         return 2;
     }
     const auto mode = static_cast<std::uint8_t>(std::strtoul(parts[1].c_str(), nullptr, 16));
@@ -150,7 +150,7 @@ int download_microcode(int fd, const std::string& spec, const DmSettings& settin
         const std::size_t from = parts.size() > 5 ? std::stoul(parts[5]) : 0;
         std::size_t bytes = parts.size() > 6 ? std::stoul(parts[6]) : whole.size() - from;
         if (!file && whole.empty()) {
-            std::printf("%s: cannot read %s\n", spec.c_str(), parts[4].c_str());
+            std::printf("%s: cannot read %s\n", request.c_str(), parts[4].c_str());
             return 1;
         }
         data.assign(whole.begin() + static_cast<long>(from),
@@ -197,7 +197,7 @@ int download_microcode(int fd, const std::string& spec, const DmSettings& settin
     errno = 0;
     const int result = ioctl(fd, SG_IO, &header);
     const int error = errno;
-    std::printf("%s cdb=", spec.c_str());
+    std::printf("%s cdb=", request.c_str());
     for (unsigned i = 0; i < sizeof cdb; ++i) {
         std::printf("%s%02x", i == 0 ? "" : " ", cdb[i]);
     }
@@ -206,8 +206,8 @@ int download_microcode(int fd, const std::string& spec, const DmSettings& settin
     if (result == 0) {
         std::printf(" status=%02x masked=%02x host=%04x driver=%04x resid=%d duration=%u info=%x"
                     " sense=",
-                    header.status, header.masked_status, header.host_status,
-                    header.driver_status, header.resid, header.duration, header.info);
+                    header.status, header.masked_status, header.host_status, header.driver_status,
+                    header.resid, header.duration, header.info);
         for (unsigned i = 0; i < header.sb_len_wr && i < sizeof sense; ++i) {
             std::printf("%s%02x", i == 0 ? "" : " ", sense[i]);
         }

@@ -70,6 +70,7 @@ dev() { printf '\\\\.\\PhysicalDrive%s' "$1"; }
 #   absent   no disk behind that number
 #   same     a second name of the drive before it
 #   held     another run holds it: the drive cannot be opened (sharing violation, error 32)
+#   slow     every DOWNLOAD MICROCODE takes half a second (a download that can be interrupted)
 # HOW names the drives: device (quenmark_device, the host's one drive), devices (quenmark_devices,
 # a list of all of them) or discover (quenmark_devices: discover, quenmark_candidates all of
 # them). A HOST of KIND unreachable cannot be reached. The hosts named in $by_id_hosts are
@@ -110,6 +111,8 @@ for member in members:
             faults = {"calls": [{"function": "CreateFileW", "error": 32}]}
         elif kind in ("abort", "retry"):
             drive["failDownload"] = 1 if kind == "abort" else 2
+        elif kind == "slow":
+            drive["downloadDelayMs"] = 500
         elif kind not in ("ok", "model", "current", "held"):
             sys.exit("unknown drive kind " + kind)
         drives.append(drive)
@@ -141,6 +144,7 @@ group = {
     "quenmark_image": os.path.join(work, "QF02.LOD"),
     # Each host's own temporary folder, as on separate machines.
     "quenmark_remote_tmp": os.path.join(folder, "host-tmp", "{{ inventory_hostname }}"),
+    "quenmark_record_file": os.path.join(folder, "records.jsonl"),
     "quenmark_environment": {
         "QUENMARK_SIM_MACHINE": os.path.join(folder, "{{ inventory_hostname }}.json"),
         "QUENMARK_TEST_SIM": os.path.join(work, "quenmark-sim"),
@@ -238,6 +242,34 @@ expect_untouched() {
   cmp -s "$scenario_dir/$1.json" "$scenario_dir/$1.json.orig" || problem "$1: its machine file changed"
   [ ! -e "$scenario_dir/$1.runs" ] || problem "$1: the tool ran on it"
 }
+# expect_records [HOST...]: the record file holds one line per run of the tool on each host (or
+# those named), in the host's order, each with the tool's document; an update's names the
+# revision the drive reports after it.
+expect_records() {
+  local wrong
+  wrong=$(python3 - "$scenario_dir" "$@" <<'PYEOF'
+import glob, json, os, re, sys
+folder, only = sys.argv[1], sys.argv[2:]
+lines = open(os.path.join(folder, "records.jsonl")).read().splitlines()
+records = [json.loads(line) for line in lines if only == [] or json.loads(line)["host"] in only]
+for path in glob.glob(os.path.join(folder, "*.runs")):
+    host = os.path.basename(path)[:-5]
+    if only and host not in only:
+        continue
+    runs = re.findall(r"^== run: (\S+) .*=> exit (\d+) ", open(path).read(), re.M)
+    mine = [(r["device"], r["exit_code"]) for r in records if r["host"] == host]
+    if mine != [(device, int(code)) for device, code in runs]:
+        print("%s: records %s, runs %s" % (host, mine, runs))
+for r in records:
+    document = r["record"] or {}
+    if document.get("format_version", [0])[0] != 1 or document["outcome"]["exit_code"] != r["exit_code"]:
+        print("no document of the run: %s" % r)
+    if r["step"] == "update" and r["exit_code"] == 0 and "firmware_after" not in document:
+        print("an update without firmware_after: %s" % r)
+PYEOF
+)
+  [ -z "$wrong" ] || problem "the record file: $wrong"
+}
 expect_clean_hosts() {
   local left
   left=$(cd "$scenario_dir/host-tmp" && find . -mindepth 2 -maxdepth 2)
@@ -279,8 +311,12 @@ all_updated() {
   expect_rc 0
   local host
   for host in h1 h2 h3 h4; do expect_updated $host 0; done
-  [ "$(runs h4 0 '/D:[^ ]*QF02.LOD /s /g 16 /r 1 /t 30 /v =>')" = 1 ] || problem "h4: the download did not run with /s /g 16 /r 1 /t 30 /v"
-  [ "$(runs h1 0 '/D:[^ ]*QF02.LOD /t 120 /v =>')" = 1 ] || problem "h1: the download did not run with the default /t 120"
+  [ "$(runs h4 0 '/D:[^ ]*QF02.LOD /s /g 16 /r 1 /t 30 --json /v =>')" = 1 ] || problem "h4: the download did not run with /s /g 16 /r 1 /t 30 --json /v"
+  [ "$(runs h1 0 '/D:[^ ]*QF02.LOD /t 120 --json /v =>')" = 1 ] || problem "h1: the download did not run with the default /t 120"
+  # A drive is read at the start and just before its update; the update's own document says what
+  # it runs afterwards.
+  [ "$(runs h1 0 ' /i --json /v =>')" = 2 ] || problem "h1: drive 0 read $(runs h1 0 ' /i --json /v =>') times with /i --json /v, expected 2"
+  expect_records
   # The time-out reaches the pass-through requests that carry DOWNLOAD MICROCODE.
   [ "$(grep 'DOWNLOAD MICROCODE' "$scenario_dir/h4.runs" | grep -c -v ' timeout=30 ')" = 0 ] ||
     problem "h4: a DOWNLOAD MICROCODE went out without the time-out of 30 s"
@@ -303,12 +339,13 @@ discover_model() {
   expect_revision h1 1 QF01
   expect_summary h1 1 "QSIM OTHER SSD H1D1: QF01, skipped: the drive model is not QSIM FLEET SSD; the drive is left alone"
   expect_updated h1 2
-  # A drive to update is read in discovery, just before its update and after it.
-  [ "$(runs h1 2 ' /i')" = 3 ] || problem "h1: drive 2 read $(runs h1 2 ' /i') times, expected 3"
+  # A drive to update is read in discovery and just before its update.
+  [ "$(runs h1 2 ' /i')" = 2 ] || problem "h1: drive 2 read $(runs h1 2 ' /i') times, expected 2"
   # h2's two whole-disk ATA links, and nothing else of its folder, are its candidates.
   local links=$scenario_dir/by-id-h2
-  [ "$(grep -c '^== run: ' "$scenario_dir/h2.runs")" = 5 ] ||
-    problem "h2: $(grep -c '^== run: ' "$scenario_dir/h2.runs") runs of the tool, expected 5 (2 in discovery, 3 for one update)"
+  [ "$(grep -c '^== run: ' "$scenario_dir/h2.runs")" = 4 ] ||
+    problem "h2: $(grep -c '^== run: ' "$scenario_dir/h2.runs") runs of the tool, expected 4 (2 in discovery, 2 for one update)"
+  expect_records
   [ "$(summary h2 "$links/ata-QSIM_OTHER_SSD_H2D0")" = "QSIM OTHER SSD H2D0: QF01, skipped: the drive model is not QSIM FLEET SSD; the drive is left alone" ] ||
     problem "h2: drive 0 not skipped for its model: '$(summary h2 "$links/ata-QSIM_OTHER_SSD_H2D0")'"
   [ "$(summary h2 "$links/ata-QSIM_FLEET_SSD_H2D1")" = "QSIM FLEET SSD H2D1: QF01 -> QF02, updated" ] ||
@@ -411,11 +448,13 @@ interrupted() {
   # reported) and one whose step still holds its lock (kept). h2's drive is held by another
   # run: busy, not "no such drive". h3's update outlasts the role's wait (a margin of 0 and /t 1
   # give 3 s): its state is unknown and its working folder stays while the run goes on; once it
-  # has ended, a rerun removes the folder and finds the drive current. h4's update is
-  # interrupted: the tool's own line is the reason. h5's step is stopped (SIGTERM to its
-  # session, as a shutdown or a stopped service would): the tool ends its run as interrupted and
-  # the step records it and runs nothing more.
-  fleet interrupted devices h1:ok h2:held h3:ok h4:ok h5:ok
+  # has ended, a rerun removes the folder and finds the drive current. h4's and h5's drives are
+  # slow (8 s for the download): the tool itself gets SIGINT in h4's download, and h5's step
+  # gets SIGTERM in its session (as a shutdown or a stopped service would send it), which the
+  # step passes on to the tool. Either way the tool ends its run as interrupted and says what the
+  # drive holds; the role reports it in the tool's words with the revision after it, and a rerun
+  # updates both drives.
+  fleet interrupted devices h1:ok h2:held h3:ok h4:slow h5:slow
   local tmp=$scenario_dir/host-tmp
   mkdir -p "$tmp/h1/quenmark.idle01" "$tmp/h1/quenmark.held01/step-0"
   : >"$tmp/h1/quenmark.idle01/quenmark"
@@ -431,24 +470,41 @@ interrupted() {
   host_vars h3 'quenmark_run_margin: 0' 'quenmark_timeout: 1' 'quenmark_environment:' \
     "  QUENMARK_SIM_MACHINE: $scenario_dir/h3.json" "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
     "  QUENMARK_TEST_RUNS: $scenario_dir/h3.runs" "  QUENMARK_TEST_SLEEP: '6'"
-  host_vars h4 'quenmark_environment:' \
-    "  QUENMARK_SIM_MACHINE: $scenario_dir/h4.json" "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
-    "  QUENMARK_TEST_RUNS: $scenario_dir/h4.runs" "  QUENMARK_TEST_INTERRUPT: 'Interrupted: nothing more was sent; the drive runs QF01'"
-  host_vars h5 'quenmark_environment:' \
-    "  QUENMARK_SIM_MACHINE: $scenario_dir/h5.json" "  QUENMARK_TEST_SIM: $work/quenmark-sim" \
-    "  QUENMARK_TEST_RUNS: $scenario_dir/h5.runs" "  QUENMARK_TEST_SLEEP: '5'" \
-    "  QUENMARK_TEST_TERM_LINE: 'Interrupted: the download was not begun; the drive runs QF01'"
+  host_vars h4 'quenmark_mode: segmented' 'quenmark_segment_blocks: 16'
+  host_vars h5 'quenmark_mode: segmented' 'quenmark_segment_blocks: 16'
+  # Each signal goes out 2 s after the step began: its read before takes milliseconds, its
+  # download 16 x 0.5 s.
+  (
+    until started=$(cat "$tmp"/h4/quenmark.*/step-0/started 2>/dev/null) && [ -n "$started" ]; do sleep 0.1; done
+    sleep 2
+    pkill -INT -f "^$work/quenmark-sim .*/D:$tmp/h4/"
+  ) &
+  local interrupter=$!
   (
     until started=$(cat "$tmp"/h5/quenmark.*/step-0/started 2>/dev/null) && [ -n "$started" ]; do sleep 0.1; done
-    sleep 1
+    sleep 2
     kill -TERM -- "-$(ps -o pgid= -p "$started" | tr -d ' ')"
   ) &
   local stopper=$!
   rollout -e quenmark_batch_size=5 -e quenmark_target_revision=QF02
-  wait "$stopper"
+  wait "$interrupter" "$stopper"
   expect_rc_failed
-  expect_summary h5 0 'QSIM FLEET SSD H5D0: QF01, failed: the tool said "Interrupted: the download was not begun; the drive runs QF01" (exit code 3)'
-  [ "$(runs h5 0 ' /i')" = 2 ] || problem "h5: drive 0 read $(runs h5 0 ' /i') times, expected twice (no read after the stop)"
+  local host event
+  for host in h4 h5; do
+    event=Ctrl-C
+    [ $host = h4 ] || event="shutdown or termination"
+    [[ $(summary $host "$(dev 0)") =~ ^"QSIM FLEET SSD ${host^^}D0: QF01 -> QF01, failed: the tool said \"Interrupted ($event) after "([0-9]+)" of 16 DOWNLOAD MICROCODE transfers in mode 0x03: the drive discards an incomplete download and keeps its firmware; it reports firmware revision QF01.\" (exit code 3)"$ ]] ||
+      problem "$host: summary '$(summary $host "$(dev 0)")', expected the tool's words on its interrupt"
+    # The command with the drive completed, nothing was sent after it but the closing IDENTIFY
+    # DEVICE, and the tool's line counts what went out.
+    [ "$(downloads $host 0)" = "${BASH_REMATCH[1]:-x}" ] && [ "$(downloads $host 0)" -ge 1 ] ||
+      problem "$host: $(downloads $host 0) DOWNLOAD MICROCODE commands reached the drive, the tool said ${BASH_REMATCH[1]:-nothing}"
+    expect_revision $host 0 QF01
+    # The update's document says what the drive runs: no read after it.
+    [ "$(runs $host 0 ' /i')" = 2 ] || problem "$host: drive 0 read $(runs $host 0 ' /i') times, expected twice"
+  done
+  # (h3's update ended after the role stopped waiting: it is in no record.)
+  expect_records h1 h2 h4 h5
   expect_updated h1 0
   expect_summary h1 - "working folder $tmp/h1/quenmark.held01 of an earlier run, kept: a run still works in it | working folder $tmp/h1/quenmark.idle01 of an earlier run, removed: no run used it"
   [ ! -e "$tmp/h1/quenmark.idle01" ] || problem "h1: the idle leftover is still there"
@@ -459,17 +515,19 @@ interrupted() {
   expect_no_download h2 0
   expect_summary h3 0 "QSIM FLEET SSD H3D0: QF01, unknown: the tool's run did not end within 3 s; it goes on on the host and the drive's state is unknown until it ends"
   [ -n "$(ls -d "$tmp"/h3/quenmark.* 2>/dev/null)" ] || problem "h3: the working folder of the run that goes on was removed"
-  expect_summary h4 0 'QSIM FLEET SSD H4D0: QF01 -> QF01, failed: the tool said "Interrupted: nothing more was sent; the drive runs QF01" (exit code 3)'
   # Once h3's run has ended, a rerun finds its drive updated and removes the folder; h1's
-  # folder that was in use is removed too.
+  # folder that was in use is removed too; h4's and h5's drives are updated.
   sleep 6
-  rm -f "$scenario_dir/host_vars/h3.yml" "$scenario_dir/host_vars/h4.yml" "$scenario_dir/host_vars/h5.yml"
-  cp "$scenario_dir/h4.json.orig" "$scenario_dir/h4.json"
-  rollout -e quenmark_batch_size=4 -e quenmark_target_revision=QF02 --limit h1,h3
+  rm -f "$scenario_dir/host_vars/h3.yml"
+  rollout -e quenmark_batch_size=4 -e quenmark_target_revision=QF02 --limit h1,h3,h4,h5
   expect_rc 0
   expect_summary h1 - "working folder $tmp/h1/quenmark.held01 of an earlier run, removed: no run used it"
   expect_summary h3 0 "QSIM FLEET SSD H3D0: QF02, current: the drive already runs QF02"
   grep -q "of an earlier run, removed: no run used it" <(summary h3 -) || problem "h3: the folder of the earlier run was not removed"
+  for host in h4 h5; do
+    expect_revision $host 0 QF02
+    expect_summary $host 0 "QSIM FLEET SSD ${host^^}D0: QF01 -> QF02, updated"
+  done
   expect_clean_hosts
 }
 
@@ -659,7 +717,7 @@ for entry in \
   "left_alone|a locked drive, another model, a missing drive and a second name of a drive are left alone; their neighbours are updated" \
   "abort_stops|an aborted drive stops its host and the rollout; a rerun updates only what is left" \
   "order|each host updates its drives in its own order" \
-  "interrupted|leftovers of interrupted runs, a drive another run holds, a run that outlasts the wait, an interrupted update" \
+  "interrupted|leftovers of interrupted runs, a drive another run holds, a run that outlasts the wait, an update interrupted by the tool's signal or the step's" \
   "check_mode|check mode reads the drive reports and changes nothing" \
   "discover_needs_model|discovery without a model updates nothing" \
   "unreachable_stops|a host that cannot be reached stops the rollout after its batch" \

@@ -3,13 +3,17 @@
 #include <cstdint>
 #include <cstring>
 
+#include "platform/ata_sense.hpp"
 #include "platform/linux/ata_pass_through_cdb.hpp"
-#include "platform/linux/ata_sense.hpp"
 #include "platform/linux/sg_io.hpp"
 #include "platform/linux/win32_error.hpp"
 
 namespace linux_backend {
 namespace {
+
+using sat::AtaSenseReading;
+using sat::AtaSenseVerdict;
+using sat::read_ata_sense;
 
 constexpr win32::DWORD kRecordSize = sizeof(win32::ATA_PASS_THROUGH_DIRECT);
 constexpr std::uint8_t kGood = 0x00;

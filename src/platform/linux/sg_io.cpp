@@ -8,9 +8,28 @@
 #include <cstring>
 #include <limits>
 
+#include "platform/ata_sense.hpp"
 #include "platform/linux/win32_error.hpp"
 
 namespace linux_backend {
+
+namespace {
+
+constexpr std::uint8_t kCheckCondition = 0x02;
+constexpr std::uint8_t kAbortedCommand = 0x0B;
+
+// libata gives up on a command that outlives its time-out, resets the link and ends the command
+// as ABORTED COMMAND with no status of the drive's in it (6.1: Status 40h, Error 0; 6.12: a task
+// file of zeros), where a drive's own refusal carries ERR. host_status stays DID_OK, so the sense
+// and the time the command took are all that tell a time-out apart.
+bool host_gave_up(const sg_io_hdr_t& header, std::uint8_t senseLength, const SgCommand& command) {
+    return header.status == kCheckCondition &&
+           sat::sense_key(command.sense, senseLength) == kAbortedCommand &&
+           !sat::sense_shows_ata_error(command.sense, senseLength) &&
+           std::uint64_t{header.duration} >= std::uint64_t{command.timeoutSeconds} * 1000u;
+}
+
+} // namespace
 
 SgOutcome send_sg_io(int fd, const SgCommand& command) {
     sg_io_hdr_t header;
@@ -48,6 +67,10 @@ SgOutcome send_sg_io(int fd, const SgCommand& command) {
     outcome.error = win32_error_from_sg_status(header.host_status, header.driver_status);
     outcome.scsiStatus = header.status;
     outcome.senseLength = std::min(header.sb_len_wr, command.senseCapacity);
+    if (outcome.error == ERROR_SUCCESS && host_gave_up(header, outcome.senseLength, command)) {
+        outcome.error = ERROR_SEM_TIMEOUT;
+        return outcome;
+    }
     if (command.phase != DataPhase::None) {
         const int residual = std::clamp(
             header.resid, 0, static_cast<int>(std::min<std::uint32_t>(command.length, 0x7FFFFFFF)));

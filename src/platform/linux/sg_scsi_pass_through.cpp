@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "platform/linux/ata_sense.hpp"
+#include "platform/ata_sense.hpp"
 #include "platform/linux/sg_io.hpp"
 
 namespace linux_backend {
@@ -14,6 +14,25 @@ constexpr std::uint8_t kAtaPassThrough16 = 0x85;
 constexpr std::uint8_t kAtaPassThrough12 = 0xA1;
 constexpr std::uint8_t kGood = 0x00;
 constexpr std::uint8_t kCheckCondition = 0x02;
+constexpr std::uint8_t kProtocolMask = 0x1E; // byte 1, bits 4:1
+constexpr std::uint8_t kProtocolNonData = 3 << 1;
+constexpr std::uint8_t kProtocolPioDataIn = 4 << 1;
+constexpr std::uint8_t kProtocolPioDataOut = 5 << 1;
+constexpr std::uint8_t kTransferFields = 0x0F; // byte 2: T_DIR, BYT_BLOK, T_LENGTH
+
+bool is_ata_pass_through(const std::uint8_t* cdb) {
+    return cdb[0] == kAtaPassThrough16 || cdb[0] == kAtaPassThrough12;
+}
+
+// libata fails a PIO command that comes without a data phase without issuing it, so a command
+// that moves no data (the activation, DOWNLOAD MICROCODE mode 0x0F) must go as non-data.
+void carry_without_data(std::uint8_t* cdb) {
+    const std::uint8_t protocol = cdb[1] & kProtocolMask;
+    if (protocol == kProtocolPioDataIn || protocol == kProtocolPioDataOut) {
+        cdb[1] = static_cast<std::uint8_t>((cdb[1] & ~kProtocolMask) | kProtocolNonData);
+        cdb[2] = static_cast<std::uint8_t>(cdb[2] & ~kTransferFields);
+    }
+}
 
 } // namespace
 
@@ -58,8 +77,16 @@ win32::DWORD sg_scsi_pass_through(int fd, const void* in, win32::DWORD inSize, v
         return ERROR_INVALID_PARAMETER;
     }
 
+    // Sent from a copy: the caller's record keeps the CDB it built.
+    std::uint8_t cdb[sizeof request.Cdb];
+    std::memcpy(cdb, request.Cdb, sizeof cdb);
+    const bool ataPassThrough = is_ata_pass_through(cdb);
+    if (ataPassThrough && phase == DataPhase::None) {
+        carry_without_data(cdb);
+    }
+
     std::uint8_t sense[255] = {};
-    const SgCommand command{request.Cdb,
+    const SgCommand command{cdb,
                             request.CdbLength,
                             phase,
                             request.DataBuffer,
@@ -73,10 +100,8 @@ win32::DWORD sg_scsi_pass_through(int fd, const void* in, win32::DWORD inSize, v
     }
     // A GOOD that the kernel's own sense data contradict is a failed command that moved nothing,
     // as it is on the kernels that report it with CHECK CONDITION.
-    const bool ataPassThrough =
-        request.Cdb[0] == kAtaPassThrough16 || request.Cdb[0] == kAtaPassThrough12;
     if (ataPassThrough && outcome.scsiStatus == kGood &&
-        sense_shows_ata_error(sense, outcome.senseLength)) {
+        sat::sense_shows_ata_error(sense, outcome.senseLength)) {
         outcome.scsiStatus = kCheckCondition;
         outcome.moved = 0;
     }

@@ -1,17 +1,12 @@
-#include <cerrno>
-#include <ctime>
-
+#include "platform/console_events.hpp"
 #include "platform/win32.hpp"
 
 namespace win32 {
 
-// The pause after a download attempt gives the drive time to settle; a signal must not cut it
-// short, so the rest of the time is slept again.
+// The pause after a download attempt ends early only for an interrupt the run has taken; any
+// other signal leaves it to run its course.
 void Sleep(DWORD milliseconds) {
-    timespec remaining{static_cast<std::time_t>(milliseconds / 1000),
-                       static_cast<long>(milliseconds % 1000) * 1000000L};
-    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
-    }
+    console_events::pause(milliseconds);
 }
 
 } // namespace win32

@@ -1,4 +1,5 @@
 // Quenmark.exe: the seam forwards to the operating system itself.
+#include "platform/console_events.hpp"
 #include "platform/win32.hpp"
 
 // shellapi.h needs the types of windows.h first.
@@ -31,8 +32,17 @@ void SetLastError(DWORD errorCode) {
     ::SetLastError(errorCode);
 }
 
+// The pause after a download attempt ends early once an interrupt has come.
 void Sleep(DWORD milliseconds) {
-    ::Sleep(milliseconds);
+    console_events::pause(milliseconds);
+}
+
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE routine, BOOL add) {
+    if (add == FALSE) {
+        console_events::detach();
+        return TRUE;
+    }
+    return console_events::attach(routine) ? TRUE : FALSE;
 }
 
 LPWSTR GetCommandLineW() {

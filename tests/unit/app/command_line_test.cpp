@@ -26,16 +26,19 @@ std::string parse(std::vector<std::wstring> arguments) {
     DeviceContext context = make_device_context();
     RunOptions o = make_run_options();
     ParseResult result{};
+    CommandLine line{};
     {
         ConsoleCapture capture;
-        result = parse_command_line(count, "quenmark", context, o);
+        line = read_command_line(count, nullptr);
+        result = parse_command_line(line, count, "quenmark", context, o);
     }
+    const std::string json = line.json ? " json" : "";
     for (const sim::CallRecord& call : sim::machine().log) {
         EXPECT_TRUE(call.function == "GetCommandLineW" || call.function == "CommandLineToArgvW")
             << call.function << " while the command line was read";
     }
     if (!result.proceed) {
-        return "refused " + std::to_string(result.exitCode);
+        return "refused " + std::to_string(result.exitCode) + json;
     }
     std::string s = "kind=" + sim::hex8(static_cast<unsigned>(context.interfaceKind));
     const auto add = [&s](bool shown, const std::string& field) { s += shown ? " " + field : ""; };
@@ -48,12 +51,13 @@ std::string parse(std::vector<std::wstring> arguments) {
     add(address != std::string(16, '0'), "addr=" + address);
     add(o.request.downloadMode != 0x07, "mode=" + sim::hex8(o.request.downloadMode));
     add(o.request.segmentBlocks != 64, "g=" + std::to_string(o.request.segmentBlocks));
-    add(o.request.timeoutSeconds != 5, "t=" + std::to_string(o.request.timeoutSeconds));
+    add(o.request.timeoutSeconds != kDefaultDownloadTimeoutSeconds,
+        "t=" + std::to_string(o.request.timeoutSeconds));
     add(o.retryCount != 0, "r=" + std::to_string(o.retryCount));
     add(context.verbose != 0, "v=" + std::to_string(context.verbose));
     add(context.optionL != 0, "l=" + std::to_string(context.optionL));
     add(o.request.fileName[0] != 0, "file=" + narrow(o.request.fileName));
-    return s;
+    return s + json;
 }
 
 TEST(CommandLine, LeavesTheRunDriverWhatWasTyped) {
@@ -93,6 +97,16 @@ TEST(CommandLine, LeavesTheRunDriverWhatWasTyped) {
         {{L"d", L"/r", L"x1"}, "refused 8"},
         {{L"d", L"/r", L"-2147483649"}, "refused 8"},
         {{L"d", L"--scan"}, "refused 8"},
+        // --json stands anywhere, the device's place included; where /g, /r or /t wants its
+        // value it is no value, and the command line is refused (with a document).
+        {{L"--json", L"d", L"/i"}, "kind=21 path=d json"},
+        {{L"--scan", L"--json"}, "kind=80 json"},
+        {{L"d", L"--json", L"/g", L"9", L"--json"}, "kind=01 path=d g=9 json"},
+        {{L"d", L"/g", L"--json", L"9"}, "refused 8 json"},
+        {{L"d", L"/t", L"--json"}, "refused 8 json"},
+        {{L"--json"}, "refused 8 json"},
+        {{L"d", L"--jsonx"}, "refused 8"},
+        {{L"d", L"--JSON"}, "refused 8"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(parse(c.arguments), c.parsed) << narrow(c.arguments.back().c_str());

@@ -29,8 +29,9 @@ TEST(DownloadFirmware, RefusesAFileThatIsNotReadWhole) {
     attribute.wstring().copy(request.fileName, kPathUnits - 1);
     request.downloadMode = 0x07;
     request.segmentBlocks = 64;
+    DownloadRecord record{};
     ConsoleCapture capture;
-    EXPECT_EQ(download_firmware(context, request), Status::BadFirmwareFile);
+    EXPECT_EQ(download_firmware(context, request, record), Status::BadFirmwareFile);
     EXPECT_EQ(capture.err, "Firmware file could not be read whole: " + attribute.string() + "\n");
     EXPECT_EQ(capture.out, "");
     EXPECT_TRUE(sim::machine().log.empty());

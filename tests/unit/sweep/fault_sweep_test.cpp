@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include "app/run_driver.hpp"
+#include "platform/interrupts.hpp"
 #include "sim/call_log.hpp"
 #include "sim/machine.hpp"
 #include "sim/microcode_image.hpp"
@@ -58,8 +59,8 @@ constexpr char kMachine[] = R"({
     ]}]
 })";
 
-// Three full transfers of 64 blocks and a remainder in the segmented modes.
-constexpr std::uint32_t kImageBytes = 100000;
+// Three full transfers of 64 blocks and a remainder of 4 in the segmented modes.
+constexpr std::uint32_t kImageBytes = 100352;
 
 enum class Wire { Sat, Ata, Csmi, Scan };
 
@@ -118,7 +119,7 @@ std::vector<Scenario> scenarios() {
             }
         }
     }
-    // The 100,000-byte image in one command to \\.\PhysicalDrive1, whose adapter carries 65,536.
+    // The 100,352-byte image in one command to \\.\PhysicalDrive1, whose adapter carries 65,536.
     for (const auto& i : {interfaces[0], interfaces[1]}) {
         std::string device = i.device;
         device.back() = '1';
@@ -219,6 +220,7 @@ void inject(const Fault& fault) {
 
 struct RunResult {
     int exitCode = -1;
+    std::string err; // standard error
     std::vector<sim::CallRecord> log;
     std::map<std::string, std::string> revisionsBefore, revisionsAfter;
 };
@@ -231,8 +233,10 @@ std::map<std::string, std::string> revisions() {
     return result;
 }
 
-RunResult run(const Scenario& scenario, const std::string& image, const Fault* fault) {
+RunResult run(const Scenario& scenario, const std::string& image, const Fault* fault,
+              const sim::InterruptFault* interrupt = nullptr) {
     sim::reset_machine();
+    interrupts::reset();
     std::string error;
     if (!sim::load_machine(kMachine, "", error)) {
         ADD_FAILURE() << error;
@@ -240,6 +244,9 @@ RunResult run(const Scenario& scenario, const std::string& image, const Fault* f
     }
     if (fault != nullptr) {
         inject(*fault);
+    }
+    if (interrupt != nullptr) {
+        sim::machine().faults.interrupts.push_back(*interrupt);
     }
     std::vector<std::string> narrow{"quenmark"};
     for (const std::string& argument : scenario.arguments) {
@@ -259,6 +266,7 @@ RunResult run(const Scenario& scenario, const std::string& image, const Fault* f
     {
         ConsoleCapture capture;
         result.exitCode = quenmark_main(static_cast<int>(narrow.size()), argv.data());
+        result.err = capture.err;
     }
     result.log = sim::machine().log;
     result.revisionsAfter = revisions();
@@ -390,7 +398,11 @@ Stage stage_by_content(const sim::CallRecord& r) {
 }
 
 // What the transport of this wire makes of a call that carried an ATA command.
-Status command_status(Wire wire, const sim::CallRecord& r) {
+Status command_status(Wire wire, Stage stage, const sim::CallRecord& r) {
+    const bool download = stage == Stage::Transfer || stage == Stage::Activate;
+    if (!r.succeeded && download && r.error == ERROR_SEM_TIMEOUT) {
+        return Status::TimedOut;
+    }
     if (!r.succeeded) {
         const bool notOffered =
             wire != Wire::Csmi && wire != Wire::Scan && r.error == ERROR_INVALID_FUNCTION;
@@ -398,7 +410,10 @@ Status command_status(Wire wire, const sim::CallRecord& r) {
     }
     switch (wire) {
     case Wire::Sat:
-        return has(r.result, "scsi-status=02") ? Status::DeviceError : Status::Success;
+        // The last transfer asks for the drive's registers: RECOVERED ERROR 00/1D carries them.
+        return has(r.result, "scsi-status=02") && !has(r.result, "sense=72 01 00 1d")
+                   ? Status::DeviceError
+                   : Status::Success;
     case Wire::Ata: {
         if (r.ata.empty()) {
             return Status::DeviceError;
@@ -428,7 +443,7 @@ Status command_status(Wire wire, const sim::CallRecord& r) {
 Status step_status(Wire wire, Stage stage, const sim::CallRecord& r) {
     if (stage == Stage::Identify || stage == Stage::ReadLog || stage == Stage::Vendor ||
         stage == Stage::Transfer || stage == Stage::Activate) {
-        return command_status(wire, r);
+        return command_status(wire, stage, r);
     }
     if (r.succeeded) {
         // The scan judges the controller configuration and the driver information by the last
@@ -447,7 +462,7 @@ std::vector<Step> steps_of(Wire wire, const std::vector<sim::CallRecord>& log,
     int port = -1;
     for (const sim::CallRecord& r : log) {
         if (r.function == "GetLastError" || r.function == "SetLastError" ||
-            r.function == "GetCommandLineW") {
+            r.function == "GetCommandLineW" || r.function == "SetConsoleCtrlHandler") {
             continue;
         }
         Stage stage = stage_by_content(r);
@@ -472,9 +487,13 @@ std::vector<Step> steps_of(Wire wire, const std::vector<sim::CallRecord>& log,
 }
 
 int exit_code_of(Status status) {
-    const std::map<Status, int> codes = {{Status::Success, 0},  {Status::DeviceError, 1},
-                                         {Status::NoDevice, 2}, {Status::BadFirmwareFile, 4},
-                                         {Status::CrcAbort, 5}, {Status::InterfaceNotSupported, 9}};
+    const std::map<Status, int> codes = {{Status::Success, 0},
+                                         {Status::DeviceError, 1},
+                                         {Status::TimedOut, 1},
+                                         {Status::NoDevice, 2},
+                                         {Status::BadFirmwareFile, 4},
+                                         {Status::CrcAbort, 5},
+                                         {Status::InterfaceNotSupported, 9}};
     const auto found = codes.find(status);
     return found != codes.end() ? found->second : 10;
 }
@@ -561,12 +580,14 @@ int expected_device_exit(const Scenario& scenario, std::size_t transfersPerAttem
                 status = walk.status;
             }
             walk.next(Stage::Pause);
-            if (status == Status::Success || attempt >= scenario.retries()) {
+            // A time-out leaves the drive's state unknown: no retry, no activation.
+            if (status == Status::Success || status == Status::TimedOut ||
+                attempt >= scenario.retries()) {
                 break;
             }
         }
     }
-    if (scenario.activate) {
+    if (scenario.activate && status != Status::TimedOut) {
         walk.next(Stage::Activate);
         status = walk.status;
     }
@@ -797,6 +818,156 @@ TEST_P(FaultSweep, EveryFaultEndsTheRunAsTheRunDriverSays) {
     RecordProperty("faulted_runs", static_cast<int>(runs));
     std::cout << "[ sweep    ] " << scenario.name << ": " << runs << " faulted runs\n";
 }
+
+// ---- Interrupts ---------------------------------------------------------------------------
+
+bool is_firmware_command(const sim::CallRecord& r) {
+    std::uint8_t command = 0;
+    std::uint8_t features = 0;
+    if (!r.ata.empty()) {
+        command = r.ata.front().command.command;
+    } else {
+        ata_registers_of_request(r.request, command, features);
+    }
+    return command == 0x92;
+}
+
+bool is_activation(const sim::CallRecord& r) {
+    return is_firmware_command(r) && !r.ata.empty() && r.ata.front().command.features == 0x0F;
+}
+
+// The last call of the command an interrupt at call `at` finds under way: the transport clears
+// the last error just before it hands the command over, so a SetLastError belongs to the
+// DeviceIoControl after it.
+std::uint64_t command_under_way(const std::vector<sim::CallRecord>& log, std::uint64_t at) {
+    for (const sim::CallRecord& r : log) {
+        if (r.sequence == at && r.function == "SetLastError") {
+            return at + 1;
+        }
+    }
+    return at;
+}
+
+// What one interrupt at one call must give. The interrupted run is the clean run up to that call:
+// what the clean run sent after the command under way is what the interrupt kept back.
+std::string interrupt_problem(const RunResult& clean, const RunResult& got, std::uint64_t at,
+                              std::uint32_t count) {
+    const std::uint64_t underWay = command_under_way(clean.log, at);
+    bool keptBack = false;
+    for (const sim::CallRecord& r : clean.log) {
+        keptBack = keptBack || (r.sequence > underWay && is_firmware_command(r));
+    }
+    const int expectedExit = keptBack ? 3 : clean.exitCode;
+    if (got.exitCode != expectedExit) {
+        return "exit code " + std::to_string(got.exitCode) + ", expected " +
+               std::to_string(expectedExit);
+    }
+    std::size_t transfers = 0;
+    bool activated = false;
+    bool inFlight = false;
+    bool readAfterFirmware = false;
+    for (const sim::CallRecord& r : got.log) {
+        if (is_firmware_command(r)) {
+            if (r.sequence > underWay) {
+                return "DOWNLOAD MICROCODE in call #" + std::to_string(r.sequence) +
+                       " after the interrupt in call #" + std::to_string(at);
+            }
+            // The transport's own calls around it: the last error cleared before, read after.
+            inFlight = inFlight || (r.sequence + 1 >= at && r.sequence <= underWay);
+            activated = activated || is_activation(r);
+            transfers += is_activation(r) ? 0 : 1;
+            readAfterFirmware = false;
+        } else if (!r.ata.empty() && r.ata.front().command.command == 0xEC &&
+                   r.ata.front().command.features != 0x0B) {
+            readAfterFirmware = true;
+        }
+    }
+    const bool sent = transfers != 0 || activated;
+    if (sent && !readAfterFirmware) {
+        return "no IDENTIFY DEVICE after the last firmware command";
+    }
+    // The outcome line names what the call log shows.
+    const std::string& err = got.err;
+    const char* expected = !sent       ? "before any firmware command: nothing was sent"
+                           : activated ? "after the activation was sent"
+                                       : nullptr;
+    if (expected != nullptr && !has(err, expected)) {
+        return std::string("stderr lacks \"") + expected + "\": " + err;
+    }
+    if (expected == nullptr && !has(err, (" of " + std::to_string(transfers)).c_str()) &&
+        !has(err, (std::to_string(transfers) + " of ").c_str())) {
+        return "stderr does not count " + std::to_string(transfers) + " transfers: " + err;
+    }
+    if (!has(err, "Interrupted (")) {
+        return "no outcome line: " + err;
+    }
+    const bool toldToWait = has(err, "Interrupted again");
+    if (toldToWait != (count > 1 && inFlight)) {
+        return std::string("the line for a second interrupt ") +
+               (toldToWait ? "printed" : "missing") + ": " + err;
+    }
+    return "";
+}
+
+class InterruptSweep : public FaultSweep {};
+
+TEST_P(InterruptSweep, AnInterruptNeverCutsACommandOrLeavesTheDriveUnknown) {
+    const Scenario& scenario = GetParam();
+    const RunResult clean = run(scenario, imagePath_, nullptr);
+    std::uint64_t registered = 0;
+    for (const sim::CallRecord& r : clean.log) {
+        if (r.function == "SetConsoleCtrlHandler" && registered == 0) {
+            registered = r.sequence;
+        }
+    }
+    ASSERT_NE(registered, 0u) << "a download run registers its console-control routine";
+    const win32::DWORD events[] = {CTRL_C_EVENT, CTRL_BREAK_EVENT, CTRL_CLOSE_EVENT,
+                                   CTRL_LOGOFF_EVENT, CTRL_SHUTDOWN_EVENT};
+    std::size_t runs = 0;
+    std::size_t failures = 0;
+    for (const sim::CallRecord& at : clean.log) {
+        if (at.sequence < registered) {
+            continue;
+        }
+        for (const win32::DWORD event : events) {
+            // A second interrupt matters only while a command is with the drive: once per call.
+            for (const std::uint32_t count : {1u, event == CTRL_C_EVENT ? 2u : 1u}) {
+                sim::InterruptFault interrupt;
+                interrupt.event = event;
+                interrupt.call = at.sequence;
+                interrupt.count = count;
+                const RunResult got = run(scenario, imagePath_, nullptr, &interrupt);
+                ++runs;
+                const std::string problem = interrupt_problem(clean, got, at.sequence, count);
+                if (!problem.empty() && ++failures <= 3) {
+                    ADD_FAILURE() << scenario.name << ", " << sim::console_event_name(event) << " x"
+                                  << count << " in call #" << at.sequence << ": " << problem << "\n"
+                                  << sim::call_log_text(got.log);
+                }
+                if (count == 1 && event != CTRL_C_EVENT) {
+                    break;
+                }
+            }
+        }
+    }
+    EXPECT_EQ(failures, 0u);
+    std::cout << "[ sweep    ] " << scenario.name << ": " << runs << " interrupted runs\n";
+}
+
+std::vector<Scenario> download_scenarios() {
+    std::vector<Scenario> table;
+    for (const Scenario& s : scenarios()) {
+        if (s.download()) {
+            table.push_back(s);
+        }
+    }
+    return table;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllInterfaces, InterruptSweep, ::testing::ValuesIn(download_scenarios()),
+                         [](const ::testing::TestParamInfo<Scenario>& info) {
+                             return info.param.name;
+                         });
 
 INSTANTIATE_TEST_SUITE_P(AllInterfaces, FaultSweep, ::testing::ValuesIn(scenarios()),
                          [](const ::testing::TestParamInfo<Scenario>& info) {

@@ -63,7 +63,8 @@ TEST_F(ScreenTransferLimit, NamesTheDataPhaseTheLimitAndTheSegmentSizeThatFits) 
         options_.request.downloadMode = c.mode;
         options_.request.segmentBlocks = c.segmentBlocks;
         ConsoleCapture output;
-        EXPECT_EQ(screen_transfer_limit(context, options_), c.status) << c.disk;
+        AdapterLimit limit{};
+        EXPECT_EQ(screen_transfer_limit(context, options_, limit), c.status) << c.disk;
         EXPECT_EQ(output.err, c.line) << c.disk;
         EXPECT_EQ(output.out, "") << c.disk;
     }

@@ -19,6 +19,9 @@ Scenarios (all by default, in this order, or those named):
   streams     h2 again with merged streams: the same words of the tool, nobody else's
   dropped     h1's connection cut in the middle of the slow drive's download; a second run
               while that download goes on (busy, its folder kept), a third once it has ended
+  interrupt   h1's update service stopped in the middle of the slow drive's download: the tool
+              ends it as interrupted (exit code 3) and says what the drive holds, the role reports
+              that, and a second run finishes the drive
   stalled     h3's network cut in its slow drive's download: ssh's keep-alive ends the wait;
               a rerun once the download has ended
   timing      the role's own time per drive and per host: one host, one more drive, three hosts
@@ -313,9 +316,16 @@ class Suite:
                   "quenmark_devices": "discover", "quenmark_expected_model": FLEET_MODEL,
                   "quenmark_image": self.images[revision], "quenmark_image_sha256": vmlib.sha256_file(self.images[revision]),
                   "quenmark_target_revision": revision, "quenmark_mode": "segmented",
-                  "quenmark_segment_blocks": SEGMENT_BLOCKS}
+                  "quenmark_segment_blocks": SEGMENT_BLOCKS,
+                  "quenmark_record_file": os.path.join(self.work, "records.jsonl")}
         values.update(more)
         return values
+
+    def records(self, since=0):
+        """The record file's lines from line since on, each decoded."""
+        path = os.path.join(self.work, "records.jsonl")
+        lines = open(path).read().splitlines() if os.path.exists(path) else []
+        return [json.loads(line) for line in lines[since:]]
 
     def s_rollout(self):
         h1, h2, h3 = (self.host(n) for n in ("h1", "h2", "h3"))
@@ -428,6 +438,62 @@ class Suite:
             self.expect_revisions(h3, {d.serial: "QF03" for d in h3.drives})
         self.expect_clean(h1)
         self.expect_clean(h3)
+
+    def s_interrupt(self):
+        # h1's slow drive takes 2 s per segment, 32 s for its download: its update service is
+        # stopped (SIGTERM to the step, which passes it on to the tool) 5 s into it.
+        h1 = self.host("h1")
+        slow = h1.by_kind("slow")[0]
+        state = {"stopped": None}
+        before = self.revisions(h1)[slow.serial]
+
+        def watch(line):
+            if state["stopped"] is None and line.startswith("TASK [quenmark_firmware : Update the firmware]"):
+                time.sleep(5)
+                state["running"] = self.tool_running(h1)
+                began = time.monotonic()
+                state["stop"] = self.ssh(h1, "sudo systemctl stop 'quenmark-*.service'", check=False)
+                state["stopped"] = time.monotonic() - began
+        first = len(self.records())
+        run = self.rollout("interrupt", [h1], self.group_vars("QF04"), batch=1, watch=watch)
+        self.expect(state["stopped"] is not None, "h1: no update began, so nothing was stopped")
+        if state["stopped"] is None:
+            return
+        self.expect(state["stop"].returncode == 0, "h1: systemctl stop ended with %d: %s" % (
+            state["stop"].returncode, state["stop"].stderr.strip()))
+        self.log("        the update's service stopped %.1f s after systemctl stop began (a segment takes %.0f s)"
+                 % (state["stopped"], SLOW_MS / 1000))
+        self.expect(run.rc != 0, "ansible-playbook ended with 0, expected the interrupted drive to fail h1")
+        if not self.patched:
+            return
+        self.expect(state["running"], "h1: the tool was not in the download when its service was stopped")
+        got = run.summary("h1", slow.by_id())
+        match = re.match(r'%s %s: %s -> %s, failed: the tool said "Interrupted \(shutdown or termination\) after (\d+) '
+                         r'of 16 DOWNLOAD MICROCODE transfers in mode 0x03: the drive discards an incomplete download '
+                         r'and keeps its firmware; it reports firmware revision %s\." \(exit code 3\)$'
+                         % (FLEET_MODEL, slow.serial, before, before, before), got)
+        self.expect(match and 1 <= int(match.group(1)) < 16,
+                    "h1: the interrupted drive's summary %r, expected the tool's words and the revision after it" % got)
+        for drive in h1.by_kind("ok"):
+            self.expect_summary(run, "h1", drive.by_id(), "not tried: the host stopped at %s" % slow.by_id())
+        # The record file holds the update's document: interrupted, and the revision after it.
+        updates = [r for r in self.records(first) if r["step"] == "update" and r["device"] == slow.by_id()]
+        document = (updates[-1]["record"] or {}) if updates else {}
+        self.expect(updates and updates[-1]["exit_code"] == 3 and document.get("outcome", {}).get("result") == "interrupted"
+                    and document.get("firmware_after") == before,
+                    "h1: the record file's update of the slow drive: %s" % (updates[-1] if updates else "none"))
+        self.expect_revisions(h1, {slow.serial: before})
+        self.expect(not self.tool_running(h1), "h1: the tool still runs after its service was stopped")
+        self.expect_clean(h1)
+        self.expect_words_only(run, h1)
+        # A second run finishes the drive, and the drives the host did not get to.
+        run = self.rollout("interrupt-rerun", [h1], self.group_vars("QF04"), batch=1)
+        self.expect(run.rc == 0, "the second run ended with %d, expected 0" % run.rc)
+        self.expect_summary(run, "h1", slow.by_id(), "%s -> QF04, updated" % before)
+        for drive in h1.by_kind("ok"):
+            self.expect_summary(run, "h1", drive.by_id(), "-> QF04, updated")
+        self.expect_revisions(h1, {d.serial: "QF04" for d in h1.drives if d.kind != "other"})
+        self.expect_clean(h1)
 
     def s_stalled(self):
         # h3's network cut while its slow drive downloads (the dropped connection was h1's, on the
@@ -620,6 +686,8 @@ SCENARIOS = [
     ("rollout", "discovery by model over SSH with become, SHA-256, target revision, batches of two", "s_rollout"),
     ("streams", "merged streams with sudo's warnings: the summary quotes the tool alone", "s_streams"),
     ("dropped", "a dropped connection mid-download, a rerun while it goes on (busy), a rerun after it", "s_dropped"),
+    ("interrupt", "the update's service stopped mid-download: the tool's words, the drive's revision, a rerun finishes",
+     "s_interrupt"),
     ("stalled", "a cut network mid-download: keep-alive ends the wait, the drives' state unknown, a rerun reads them",
      "s_stalled"),
     ("timing", "the role's own time per drive and per host, one host and three side by side", "s_timing"),

@@ -1,7 +1,7 @@
 """The role's side on a Linux host (Python 3.5 or later, standard library only), in the working
-folder next to the tool and the image. It runs the tool and prints what each run said as records
-on standard output, one line each, whatever else shares the connection's streams (a terminal's
-CRLF, sudo's warnings, ssh's notices):
+folder next to the tool and the image. It runs the tool with --json and prints what each run
+wrote as records on standard output, one line each, whatever else shares the connection's
+streams (a terminal's CRLF, sudo's warnings, ssh's notices):
 
   QUENMARK-RUN <name> <exit code> <start ns> <end ns> <drive> <stdout> <stderr>
   QUENMARK-LEFTOVER <folder> <running|idle> <drives its runs named>
@@ -19,7 +19,9 @@ Every field but the numbers is base64 ("-" when empty). The commands:
       each drive's report (/i).
   drive WORKDIR STEP LIMIT VERBOSE MODEL SERIAL REVISION [NAME=VALUE...] -- DRIVE ARGUMENT...
       one drive's update (run-step), detached from the connection: a service of its own under
-      systemd, else a session of its own. Waits for it up to LIMIT seconds, prints its runs.
+      systemd, else a session of its own. Waits for it up to LIMIT seconds, prints its runs: the
+      read before (/i), the update (ARGUMENTs, --json among them) and, only when the update's
+      document names no revision after it, a read after.
   finish WORKDIR [LEFTOVER...]
       removes the working folder and the leftover folders named, unless a run still uses one.
 
@@ -67,13 +69,29 @@ def now():
     return int(time.time() * 1e9)
 
 
-def spawn(command, environment=None, stdout=None, stderr=None, keep_fd=None):
+# The signals that stop a step; a step passes each one on to the run of the tool that goes on.
+STOPPING = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP)
+# The process group of the run that goes on, while there is one.
+running = []
+
+
+def spawn(command, environment=None, stdout=None, stderr=None, keep_fd=None, group=False):
     """Runs a program (a path, or a name looked up in PATH) with standard input from /dev/null and
     the output into the descriptors given (else /dev/null); its exit code, 126 or 127 when it
-    cannot be started, 128 + N after signal N."""
+    cannot be started, 128 + N after signal N. With group, in a process group of its own: a
+    signal to the step's group or session reaches it only as the step passes it on, once."""
+    if group:
+        # Held back from fork until the run is known as running: a signal in between is passed on
+        # to it instead of being lost.
+        signal.pthread_sigmask(signal.SIG_BLOCK, STOPPING)
     pid = os.fork()
     if pid == 0:
         try:
+            if group:
+                os.setpgid(0, 0)
+                for signum in STOPPING:
+                    signal.signal(signum, signal.SIG_DFL)
+                signal.pthread_sigmask(signal.SIG_UNBLOCK, STOPPING)
             null = os.open(os.devnull, os.O_RDWR)
             os.dup2(null, 0)
             os.dup2(null if stdout is None else stdout, 1)
@@ -85,11 +103,22 @@ def spawn(command, environment=None, stdout=None, stderr=None, keep_fd=None):
             os.write(2, ('%s: %s\n' % (command[0], failure.strerror)).encode())
             os._exit(126 if failure.errno == errno.EACCES else 127)
         os._exit(127)
-    _, status = os.waitpid(pid, 0)
+    if group:
+        try:
+            os.setpgid(pid, pid)
+        except OSError:
+            pass  # the child has made its group already, or has run and ended
+        running.append(pid)
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, STOPPING)
+    try:
+        _, status = os.waitpid(pid, 0)
+    finally:
+        if group:
+            running.remove(pid)
     return os.WEXITSTATUS(status) if os.WIFEXITED(status) else 128 + os.WTERMSIG(status)
 
 
-def run(name, folder, drive, command, environment=None, keep_fd=None):
+def run(name, folder, drive, command, environment=None, keep_fd=None, group=False):
     """One run: its output and exit code kept in FOLDER/NAME.*, the exit code last, with the run's
     start and end."""
     start = now()
@@ -97,7 +126,7 @@ def run(name, folder, drive, command, environment=None, keep_fd=None):
     out = os.open(os.path.join(folder, name + '.out'), flags, 0o600)
     err = os.open(os.path.join(folder, name + '.err'), flags, 0o600)
     try:
-        code = spawn(command, environment, out, err, keep_fd)
+        code = spawn(command, environment, out, err, keep_fd, group)
     finally:
         os.close(out)
         os.close(err)
@@ -120,13 +149,17 @@ def record(name, folder):
                                                text(read(os.path.join(folder, name + '.err')))))
 
 
-def report_field(name, output):
-    """A field of a drive report (MN, SN or FW), as the tool printed it."""
-    prefix = ('  %s: ' % name).encode()
-    for line in output.split(b'\n'):
-        if line.startswith(prefix):
-            return line[len(prefix):].rstrip(b'\r').decode('utf-8', 'surrogateescape')
-    return None
+def document(output):
+    """The tool's --json document in a run's standard output, or {} (a run that wrote none, or one
+    of a layout this side does not know)."""
+    import json
+    try:
+        found = json.loads(output.decode('utf-8', 'surrogateescape'))
+    except ValueError:
+        return {}
+    if not isinstance(found, dict) or (found.get('format_version') or [None])[0] != 1:
+        return {}
+    return found
 
 
 def held(path):
@@ -200,7 +233,7 @@ def stage(workdir, tool_sha, image_sha, verbose, discover, by_id, *drives):
                 drives.append(link)
     survey = os.path.join(workdir, 'survey')
     os.mkdir(survey)
-    options = ['/i'] + (['/v'] if verbose == '1' else [])
+    options = ['/i', '--json'] + (['/v'] if verbose == '1' else [])
     for index, drive in enumerate(drives):
         run(str(index), survey, drive, [tool, drive] + options)
         record(str(index), survey)
@@ -218,7 +251,10 @@ def drive(workdir, step, limit, *rest):
     unit = 'quenmark-%s-%s' % (os.path.basename(workdir).split('.')[-1], step)
     started = False
     if os.path.isdir('/run/systemd/system'):
-        started = spawn(['systemd-run', '--quiet', '--collect', '--unit=' + unit] + command) == 0
+        # A stop of the service goes to the step alone, which passes it on to the tool's run and
+        # waits for it: no kill before the longest the run may take.
+        started = spawn(['systemd-run', '--quiet', '--collect', '--unit=' + unit, '--property=KillMode=mixed',
+                         '--property=TimeoutStopSec=%ds' % max(1, int(limit))] + command) == 0
     if not started:
         # A session of its own, without the connection's terminal: a child that starts the step
         # in a grandchild and ends at once.
@@ -264,17 +300,22 @@ def drive(workdir, step, limit, *rest):
 
 
 def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
-    """Before, update and after of one drive, in a session of its own. The step's lock is held from
-    here until the last run of the tool has ended (the tool inherits it), which tells a later run
-    that this working folder is still in use. A hang-up, SIGINT or SIGTERM (the service stopped,
-    the host shutting down) reaches the tool on its own: the step waits for the tool's run to end
-    as the tool ends it, records it, and starts no further run."""
+    """Before, update and, when needed, after of one drive, in a session of its own. The step's
+    lock is held from here until the last run of the tool has ended (the tool inherits it), which
+    tells a later run that this working folder is still in use. A hang-up, SIGINT or SIGTERM (the
+    service stopped, the host shutting down, a signal to the step) is passed on to the tool's run:
+    a download ends as the tool ends an interrupted one, the step records it and starts no
+    further run."""
     stopping = []
 
     def stop(signum, frame):
         stopping.append(signum)
-    # Handlers, not SIG_IGN: the tool gets the default dispositions back when it is started.
-    for signum in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        for pid in running:
+            try:
+                os.killpg(pid, signum)
+            except OSError:
+                pass
+    for signum in STOPPING:
         signal.signal(signum, stop)
     folder = os.path.join(workdir, 'step-' + step)
     try:
@@ -294,16 +335,24 @@ def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
     with open(os.path.join(folder, 'drive'), 'w') as f:
         f.write(device + '\n')
     tool = os.path.join(workdir, 'quenmark')
-    options = ['/i'] + (['/v'] if verbose == '1' else [])
-    run('before', folder, device, [tool, device] + options, environment, lock)
-    before = read(os.path.join(folder, 'before.out'))
-    code = read(os.path.join(folder, 'before.rc')).split()[0]
-    # The update goes out only to the drive that was read at the start, still on that revision.
-    if not stopping and code == b'10' and (
-            report_field('MN', before), report_field('SN', before), report_field('FW', before)) == (model, serial, revision):
-        run('update', folder, device, [tool] + arguments, environment, lock)
+    options = ['/i', '--json'] + (['/v'] if verbose == '1' else [])
+
+    def tool_run(name, command):
         if not stopping:
-            run('after', folder, device, [tool, device] + options, environment, lock)
+            run(name, folder, device, command, environment, lock, group=True)
+        return not stopping and os.path.exists(os.path.join(folder, name + '.rc'))
+    if tool_run('before', [tool, device] + options):
+        before = document(read(os.path.join(folder, 'before.out')))
+        drive = before.get('drive') or {}
+        code = read(os.path.join(folder, 'before.rc')).split()[0]
+        # The update goes out only to the drive that was read at the start, still on that revision.
+        if code == b'10' and (drive.get('model'), drive.get('serial'), drive.get('firmware')) == (model, serial, revision):
+            if tool_run('update', [tool] + arguments):
+                # The update's closing IDENTIFY DEVICE names the revision after it; a run without
+                # it that may have sent something is followed by a read of its own.
+                update = document(read(os.path.join(folder, 'update.out')))
+                if 'firmware_after' not in update and (update.get('outcome') or {}).get('result') != 'refused':
+                    tool_run('after', [tool, device] + options)
     if stopping:
         with open(os.path.join(folder, 'stopped'), 'w') as f:
             f.write('%d\n' % stopping[0])

@@ -1,14 +1,15 @@
 """Filters of the role quenmark_firmware. They run on the controller: what a run of the tool said,
 what the role decides for each drive and how it judges an update, the records that the host side
-(files/quenmark_host.py) prints, the bundle that carries the tool and the image to a Linux host, and
-the firmware image as the controller sees it.
+(files/quenmark_host.py) prints, the lines of the rollout's record file, the bundle that carries
+the tool and the image to a Linux host, and the firmware image as the controller sees it.
 
-Everything the role reads from the tool's output goes through run_report() and said(); a machine
-readable record of the tool would be read there too."""
+The tool runs with --json: everything the role reads from a run comes from its JSON document
+(docs/json.md), through run_report() and said(), never from its console text."""
 
 import base64
 import hashlib
 import io
+import json
 import os
 import re
 import stat
@@ -37,19 +38,15 @@ EXIT_CODES = {
 }
 UNKNOWN_EXIT_CODE = {'result': 'failed', 'meaning': 'unexpected exit code'}
 # A second run on a drive that a run holds: the tool cannot open it (exit code 2) and, with /v,
-# names the sharing violation.
-BUSY = re.compile(r'INVALID_HANDLE_VALUE Error: 32\b')
+# its error message names the sharing violation, error 32.
+BUSY_ERROR = ('INVALID_HANDLE_VALUE', 'Error:', '32')
 # Results after which the host stops: the drives after it are not tried.
 STOPS = ('failed', 'unknown')
-
-_FIELDS = {
-    'model': re.compile(r'^  MN: (.*?)\r?$', re.M),
-    'serial': re.compile(r'^  SN: (.*?)\r?$', re.M),
-    'firmware': re.compile(r'^  FW: (.*?)\r?$', re.M),
-    'security': re.compile(r'^  (SEC[0-6])\r?$', re.M),
-}
+# The major version of the tool's document that the role reads.
+FORMAT_MAJOR = 1
 
 _digests = {}
+_documents = {}
 
 
 def _lines(text):
@@ -67,34 +64,90 @@ def exit_code(run):
     return -1
 
 
+def document(run):
+    """The run's --json document, or None when its standard output holds none of a layout the role
+    knows (a tool that could not be started, an older build)."""
+    stdout = (run or {}).get('stdout') or ''
+    if stdout not in _documents:
+        try:
+            found = json.loads(stdout)
+        except ValueError:
+            found = None
+        if not isinstance(found, dict) or not isinstance(found.get('format_version'), list) or \
+                found['format_version'][:1] != [FORMAT_MAJOR]:
+            found = None
+        if len(_documents) > 256:
+            _documents.clear()
+        _documents[stdout] = found
+    return _documents[stdout]
+
+
+def _messages(run):
+    return [m for m in (document(run) or {}).get('messages') or []
+            if isinstance(m, dict) and isinstance(m.get('text'), str) and m.get('severity') in ('error', 'warning')]
+
+
 def said(run):
-    """What the tool said last: its last non-blank line on standard error, else on standard
-    output. A refusal is the tool's last word; with /v the drive report comes before it."""
-    for stream in ('stderr', 'stdout'):
-        lines = [line.strip() for line in _lines((run or {}).get(stream)) if line.strip()]
+    """What the tool said last: its document's last error, else its last warning; for a run that
+    wrote no document, its last non-blank line on standard error."""
+    messages = _messages(run)
+    for severity in ('error', 'warning'):
+        texts = [m['text'] for m in messages if m['severity'] == severity]
+        if texts:
+            return texts[-1]
+    if document(run) is None:
+        lines = [line.strip() for line in _lines((run or {}).get('stderr')) if line.strip()]
         if lines:
             return lines[-1]
     return ''
 
 
+def output(run):
+    """What a run said for a person: its document's errors and warnings, else (no document) its
+    standard output and standard error as they came."""
+    if document(run) is None:
+        return _lines((run or {}).get('stdout')) + _lines((run or {}).get('stderr'))
+    return ['%s: %s' % (m['severity'], m['text']) for m in _messages(run)]
+
+
+def _text(value):
+    return value if isinstance(value, str) else ''
+
+
 def run_report(run):
-    """The drive report of a /i run, which ends with exit code 10 when the report was printed.
-    A run that did not happen has the exit code -1 and identifies nothing."""
+    """The drive as a run's document describes it: a /i run's report (exit code 10 when it was
+    printed), or an update's drive with the outcome and the revision its closing IDENTIFY DEVICE
+    gave (after; None when the document names none). A run that did not happen has the exit code
+    -1 and identifies nothing."""
     run = run or {}
-    stdout = run.get('stdout') or ''
-    report = {}
-    for name, pattern in _FIELDS.items():
-        found = pattern.findall(stdout)
-        report[name] = found[0] if found else ''
+    found = document(run) or {}
+    drive = found.get('drive') if isinstance(found.get('drive'), dict) else {}
+    outcome = found.get('outcome') if isinstance(found.get('outcome'), dict) else {}
+    report = {'model': _text(drive.get('model')), 'serial': _text(drive.get('serial')),
+              'firmware': _text(drive.get('firmware')), 'security': _text(drive.get('security_state'))}
     rc = exit_code(run)
+    after = found.get('firmware_after')
     report.update({
         'rc': rc,
+        'result': _text(outcome.get('result')),
         'identified': rc == 10 and all(report[name] for name in ('model', 'serial', 'firmware')),
-        'busy': rc == 2 and bool(BUSY.search((run.get('stderr') or '') + '\n' + stdout)),
+        'after': after if isinstance(after, str) and after else None,
+        'busy': rc == 2 and any(m['severity'] == 'error' and tuple(m['text'].split()[-3:]) == BUSY_ERROR
+                                for m in _messages(run)),
         'said': said(run),
-        'output': _lines(run.get('stdout')) + _lines(run.get('stderr')),
+        'output': output(run),
     })
     return report
+
+
+def record_line(run, host, device, step):
+    """One line of the rollout's record file (JSON Lines): where and why the tool ran, its exit
+    code and its document (null when it wrote none). A Windows survey's run (device None) names
+    its drive itself."""
+    if device is None:
+        device = (run or {}).get('quenmark_candidate', '')
+    return json.dumps({'host': host, 'device': device, 'step': step, 'exit_code': exit_code(run),
+                       'record': document(run)}, separators=(',', ':'))
 
 
 # --- The host side's records -------------------------------------------------------------------
@@ -197,33 +250,49 @@ def decide(report, settings, earlier=(), survey=None):
     return {'result': 'update', 'reason': ''}
 
 
-def judge(update, after, settings):
-    """The update judged by the tool's exit code and the drive report read after it."""
-    code = exit_code(update)
+def revision_after(update, before, after=None):
+    """The revision a drive reports after its update: the update's own closing IDENTIFY DEVICE,
+    else a read after it; after a refusal nothing was sent, and the drive runs what it ran
+    before. '' when it is not known."""
+    report = run_report(update)
+    if report['after']:
+        return report['after']
+    if after is not None and after['identified']:
+        return after['firmware']
+    if report['result'] == 'refused' or EXIT_CODES.get(report['rc'], {}).get('refusal'):
+        return (before or {}).get('firmware', '')
+    return ''
+
+
+def judge(update, revision, settings):
+    """The update judged by the tool's exit code, its document and the revision after it."""
+    report = run_report(update)
+    code = report['rc']
     meaning = EXIT_CODES.get(code, UNKNOWN_EXIT_CODE)
     if meaning.get('refusal'):
-        return {'result': meaning['result'], 'reason': _refusal_reason(update, code)}
-    if meaning.get('quote') and said(update):
-        return {'result': meaning['result'], 'reason': 'the tool said "%s" (exit code %d)' % (said(update), code)}
+        return {'result': meaning['result'], 'reason': _refusal_reason(report, code)}
+    if meaning.get('quote') and report['said']:
+        return {'result': meaning['result'], 'reason': 'the tool said "%s" (exit code %d)' % (report['said'], code)}
     if meaning['result'] == 'failed':
         return {'result': 'failed', 'reason': '%s (exit code %d)' % (meaning['meaning'], code)}
-    if not after['identified']:
+    if not revision:
         return {'result': 'failed', 'reason': 'the update ran, but the drive could not be identified afterwards (exit code %d)'
-                % after['rc']}
+                % code}
     target = settings.get('target_revision') or ''
-    if target and settings.get('activates') and after['firmware'] != target:
-        return {'result': 'failed', 'reason': 'the drive reports %s after the update, not %s' % (after['firmware'], target)}
-    if not settings.get('activates'):
+    # The tool's own word that the drive keeps the image for an activation or a power cycle.
+    saved = report['result'] == 'saved'
+    if target and not saved and revision != target:
+        return {'result': 'failed', 'reason': 'the drive reports %s after the update, not %s' % (revision, target)}
+    if saved:
         return {'result': 'updated', 'reason': 'the new firmware waits for activation'}
     return {'result': 'updated', 'reason': ''}
 
 
 def entry(device, known, outcome, after=None, update=None, output=()):
     """One drive's record for the summary. known is the report that described the drive before
-    the update; after the one read after it."""
-    after_firmware = ''
-    if after is not None:
-        after_firmware = after['firmware'] if after['identified'] else '?'
+    the update; after the revision it reports after the update ('' when not known, None when no
+    update ran)."""
+    after_firmware = '' if after is None else (after or '?')
     drive = ''
     if known and known.get('identified'):
         drive = '%s %s: %s%s, ' % (known['model'], known['serial'], known['firmware'],
@@ -242,13 +311,13 @@ def entry(device, known, outcome, after=None, update=None, output=()):
     }
 
 
-def quenmark_plan(staged, settings, devices=None):
-    """A Linux host after staging: its working folder, the folders earlier runs left, and each
-    drive with the report read at the start and what to do with it. devices are the drives the
-    inventory names (None: those the host listed)."""
+def quenmark_plan(staged, settings, devices=None, host=''):
+    """A Linux host after staging: its working folder, the folders earlier runs left, each drive
+    with the report read at the start and what to do with it, and the reads' lines of the record
+    file. devices are the drives the inventory names (None: those the host listed)."""
     found = records(staged)
     plan = {'workdir': found['workdir'], 'error': found['error'], 'leftovers': found['leftovers'],
-            'drives': [], 'tool_seconds': found['tool_seconds']}
+            'drives': [], 'tool_seconds': found['tool_seconds'], 'record_lines': []}
     if not found['workdir'] and not found['error']:
         plan['error'] = 'the host side did not answer (exit code %s)' % (staged or {}).get('rc', '?')
     if plan['error']:
@@ -261,6 +330,7 @@ def quenmark_plan(staged, settings, devices=None):
         decision = decide(report, settings, earlier)
         drive = {'device': run['drive'], 'survey': report, 'decision': decision}
         plan['drives'].append(drive)
+        plan['record_lines'].append(record_line(run, host, run['drive'], 'survey'))
         if report['identified']:
             earlier.append({'device': run['drive'], 'model': report['model'], 'serial': report['serial']})
     if devices is not None and [d['device'] for d in plan['drives']] != list(devices):
@@ -268,9 +338,10 @@ def quenmark_plan(staged, settings, devices=None):
     return plan
 
 
-def quenmark_step(result, drive, settings):
+def quenmark_step(result, drive, settings, host=''):
     """The outcome of one drive's update step on a Linux host (files/quenmark_host.py drive): its
-    runs before, for and after the update, and how its run ended."""
+    runs before and for the update (and after it, when the update's document named no revision),
+    how its run ended, and their lines of the record file."""
     found = records(result)
     runs = found['runs']
     before = run_report(runs['before']) if 'before' in runs else None
@@ -279,8 +350,9 @@ def quenmark_step(result, drive, settings):
     limit = settings.get('limit', 0)
     # The output kept with a drive that stops the host: its update's, else its last read's.
     last = [r for r in (update, runs.get('after'), runs.get('before')) if r]
-    output = _lines(last[0].get('stdout')) + _lines(last[0].get('stderr')) if last else []
+    kept = output(last[0]) if last else []
     known = before if before is not None and before['identified'] else drive['survey']
+    revision = revision_after(update, known, after) if update is not None else None
     if found['step'] == 'pending':
         outcome = {'result': 'unknown', 'reason': "the tool's run did not end within %s s; it goes on on the host and the "
                    "drive's state is unknown until it ends" % limit}
@@ -298,21 +370,22 @@ def quenmark_step(result, drive, settings):
     elif found['stopped'] and update is None:
         outcome = {'result': 'failed', 'reason': 'the update was stopped (signal %d) before it began; nothing was sent'
                    % found['stopped']}
-    elif update is not None and after is None and exit_code(update) == 0:
-        # Stopped after the tool's run, before the drive was read again.
+    elif update is not None and not revision and exit_code(update) == 0 and found['stopped']:
+        # Stopped after the tool's run, before the drive could be read again.
         outcome = {'result': 'unknown', 'reason': 'the update ended with exit code 0, but the run was stopped (signal %d) '
                    'before the drive could be read again' % found['stopped']}
-    elif update is not None and after is None:
-        # The tool's exit code says it all (an interrupt's 3 with its line, a failure, a refusal).
-        outcome = judge(update, run_report({}), settings)
     elif update is None:
         outcome = decide(before, settings, survey=drive['survey'])
         if outcome['result'] == 'update':
             outcome = {'result': 'failed', 'reason': 'the drive changed since it was read; nothing was sent'}
     else:
-        outcome = judge(update, after, settings)
-    return {'device': drive['device'], 'known': known, 'after': after, 'update': update, 'outcome': outcome,
-            'output': output, 'tool_seconds': found['tool_seconds']}
+        # The tool's exit code and document say it all (an interrupt's 3 with its words, a
+        # failure, a refusal, an update and the revision after it).
+        outcome = judge(update, revision, settings)
+    lines = [record_line(runs[name], host, drive['device'], step)
+             for name, step in (('before', 'report'), ('update', 'update'), ('after', 'after')) if name in runs]
+    return {'device': drive['device'], 'known': known, 'after': revision, 'update': update, 'outcome': outcome,
+            'output': kept, 'tool_seconds': found['tool_seconds'], 'record_lines': lines}
 
 
 def quenmark_results(plan, steps, settings):
@@ -407,11 +480,16 @@ def quenmark_entry(before_run, settings, survey=None, results=(), update_run=Non
     decision = decide(before, settings, earlier, survey=survey)
     if decision['result'] != 'update' or not ran(update_run):
         return entry(device, before, decision, output=before['output'])
-    after = run_report(after_run) if ran(after_run) else run_report({})
-    outcome = judge(update_run, after, settings)
-    last = after_run if ran(after_run) else update_run
-    return entry(device, before, outcome, after if ran(after_run) else None, update_run,
-                 _lines(last.get('stdout')) + _lines(last.get('stderr')))
+    revision = revision_after(update_run, before, run_report(after_run) if ran(after_run) else None)
+    outcome = judge(update_run, revision, settings)
+    return entry(device, before, outcome, revision, update_run, output(update_run))
+
+
+def quenmark_read_after(update_run):
+    """Whether a drive of a Windows host is read again after its update: only when the update's
+    document names no revision after it and the tool may have sent something."""
+    report = run_report(update_run)
+    return not report['after'] and report['result'] != 'refused'
 
 
 def quenmark_report(run):
@@ -556,6 +634,8 @@ class FilterModule(object):
             'quenmark_results': quenmark_results,
             'quenmark_leftovers': quenmark_leftovers,
             'quenmark_records': records,
+            'quenmark_record_line': record_line,
+            'quenmark_read_after': quenmark_read_after,
             'quenmark_decide': quenmark_decide,
             'quenmark_entry': quenmark_entry,
             'quenmark_worst_case': quenmark_worst_case,
