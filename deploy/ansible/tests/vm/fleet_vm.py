@@ -87,6 +87,7 @@ class Suite:
         self.images = {}
         self.results = []
         self.figures = []
+        self.rollouts = 0
 
     # --- Setting up ------------------------------------------------------------------------
 
@@ -234,6 +235,7 @@ class Suite:
         with open(os.path.join(folder, "out.txt"), "w") as f:
             f.write(run.out)
         self.last_run = run
+        self.rollouts += 1
         return run
 
     def cut(self, host):
@@ -544,9 +546,17 @@ class Suite:
         named = {h.name: [d.by_id() for d in h.drives if d.kind == "ok"][:2] for h in self.hosts}
         roles = [("this role", DEPLOY)]
         if self.options.role_from:
-            roles.append(("role of %s" % self.options.role_from, os.path.abspath(self.options.role_from)))
+            roles.append(("the role of --role-from", os.path.abspath(self.options.role_from)))
+            self.log("        (--role-from: %s)" % self.options.role_from)
+        if not self.rollouts:
+            # VMs that have just booted start every program from a cold page cache: each role
+            # runs once, one drive per host, before anything is measured.
+            for role, deploy in roles:
+                self.rollout("timing-warm-up-%s" % ("new" if deploy == DEPLOY else "old"), self.hosts,
+                             self.group_vars("QF05", quenmark_target_revision=""), batch=len(self.hosts), deploy=deploy,
+                             host_vars={h.name: {"quenmark_devices": named[h.name][:1]} for h in self.hosts})
         step_tool = None
-        self.log("        %-30s %-30s %7s %9s %9s" % ("", "", "rollout", "per drive", "per host"))
+        self.log("        %-24s %-36s %7s %9s %9s" % ("", "", "rollout", "per drive", "per host"))
         for role, deploy in roles:
             # Two drives of each host by name: none of the slow or aborting ones.
             for hosts in ([h3], [h1, h2, h3]):
@@ -565,8 +575,8 @@ class Suite:
                 # Side by side, a drive's span lasts as long as the slowest host's update.
                 per_drive = sum(spans) / len(spans) - step_tool if spans else float("nan")
                 fixed = run.seconds - sum(spans) - run.survey_seconds()
-                self.log("        %-30s %-30s %6.1fs %8.2fs %8.2fs" % (
-                    role[-30:], "%d host%s, 2 drives each" % (len(hosts), "s side by side" if len(hosts) > 1 else ""),
+                self.log("        %-24s %-36s %6.1fs %8.2fs %8.2fs" % (
+                    role, "%d host%s, 2 drives each" % (len(hosts), "s side by side" if len(hosts) > 1 else ""),
                     run.seconds, per_drive, fixed / len(hosts) if len(hosts) > 1 else fixed))
         self.log("        (per host: a host's fixed cost, its share of the rollout when side by side; the tool's "
                  "own time %.1f s per update is taken off; goals: under 1.5 s per drive, the fixed cost per host "
