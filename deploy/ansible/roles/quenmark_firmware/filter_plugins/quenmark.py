@@ -619,7 +619,7 @@ def quenmark_worst_case(image_size, settings):
     per_transfer = int(settings.get('segment_blocks') or 64)
     commands = 1 if settings.get('mode') == 'whole' else (blocks + per_transfer - 1) // per_transfer
     attempts = int(settings.get('retries') or 0) + 1
-    timeout = int(settings.get('timeout') or 5)
+    timeout = int(settings.get('timeout') or 120)
     activation = timeout if settings.get('activate') else 0
     return attempts * (commands * timeout + 2) + activation + int(settings.get('margin', 120))
 
