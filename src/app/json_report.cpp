@@ -7,6 +7,7 @@
 
 #include "drive/download_request.hpp"
 #include "platform/console.hpp"
+#include "platform/console_event_names.hpp"
 #include "platform/utf8.hpp"
 #include "platform/win32.hpp"
 
@@ -77,20 +78,8 @@ const char* result_name(RunResult result) {
 
 // The console-control events by their Win32 names; Linux signals arrive as one of them.
 std::string event_name(std::uint32_t event) {
-    switch (event) {
-    case 0:
-        return "CTRL_C_EVENT";
-    case 1:
-        return "CTRL_BREAK_EVENT";
-    case 2:
-        return "CTRL_CLOSE_EVENT";
-    case 5:
-        return "CTRL_LOGOFF_EVENT";
-    case 6:
-        return "CTRL_SHUTDOWN_EVENT";
-    default:
-        return "CTRL_EVENT_" + std::to_string(event);
-    }
+    const char* name = console_events::win32_name(event);
+    return name != nullptr ? name : "CTRL_EVENT_" + std::to_string(event);
 }
 
 // "\\.\SCSI3:" names port 3.

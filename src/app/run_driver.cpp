@@ -89,8 +89,14 @@ bool note_download_call(RunRecord& run, const DeviceContext& context, const Down
     return call.countReturned && (context.returned.status & kErrorOrDeviceFault) == 0;
 }
 
-// A command that timed out may have left the drive writing its flash: neither a retry nor an
-// activation goes after it. An interrupt ends the pause early and keeps back any retry.
+// A command that timed out may have left the drive writing its flash: no retry goes after it.
+bool retry_left(Status status, std::int32_t attempt, const RunOptions& options) {
+    return status != Status::Success && status != Status::TimedOut &&
+           status != Status::Interrupted && attempt <= options.retryCount;
+}
+
+// Neither does an activation (send_firmware). An interrupt ends the pause early and keeps back
+// any retry.
 Status run_download_attempts(DeviceContext& context, const RunOptions& options, RunRecord& run) {
     FirmwareProgress& progress = run.firmware;
     Status status = Status::Failed;
@@ -109,12 +115,9 @@ Status run_download_attempts(DeviceContext& context, const RunOptions& options, 
             win32::Sleep(kPauseAfterAttemptMs);
         }
         console::out() << std::endl;
-    } while (status != Status::Success && status != Status::TimedOut &&
-             status != Status::Interrupted && !interrupts::pending() &&
-             attempt <= options.retryCount);
-    const bool retryLeft =
-        status != Status::Success && status != Status::TimedOut && attempt <= options.retryCount;
-    if (status == Status::Interrupted || (interrupts::pending() && retryLeft)) {
+    } while (retry_left(status, attempt, options) && !interrupts::pending());
+    if (status == Status::Interrupted ||
+        (interrupts::pending() && retry_left(status, attempt, options))) {
         progress.interruptKeptBack = true;
     }
     return status;

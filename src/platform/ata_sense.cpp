@@ -87,25 +87,24 @@ AtaSenseReading read_fixed_format(const std::uint8_t* sense, std::size_t written
     if (written < 12) {
         return empty_reading(AtaSenseVerdict::NoTaskFile);
     }
+    // Where each register stands: in the INFORMATION field, or where libata put them before.
+    struct Offsets {
+        std::size_t error, status, device, count, lbaLow, lbaMid, lbaHigh;
+    };
+    constexpr Offsets kInformationField{3, 4, 5, 6, 9, 10, 11};
+    constexpr Offsets kLibataBefore610{8, 9, 10, 11, 17, 18, 19};
+    const Offsets& at = valid ? kInformationField : kLibataBefore610;
+    const auto byte = [&](std::size_t offset) -> std::uint8_t {
+        return offset < written ? sense[offset] : 0;
+    };
     AtaSenseReading reading = empty_reading(AtaSenseVerdict::TaskFile);
-    const auto byte = [&](std::size_t at) -> std::uint8_t { return at < written ? sense[at] : 0; };
-    if (valid) {
-        reading.current[Error] = byte(3);
-        reading.current[Status] = byte(4);
-        reading.current[Device] = byte(5);
-        reading.current[Count] = byte(6);
-        reading.current[LbaLow] = byte(9);
-        reading.current[LbaMid] = byte(10);
-        reading.current[LbaHigh] = byte(11);
-    } else {
-        reading.current[Error] = byte(8);
-        reading.current[Status] = byte(9);
-        reading.current[Device] = byte(10);
-        reading.current[Count] = byte(11);
-        reading.current[LbaLow] = byte(17);
-        reading.current[LbaMid] = byte(18);
-        reading.current[LbaHigh] = byte(19);
-    }
+    reading.current[Error] = byte(at.error);
+    reading.current[Status] = byte(at.status);
+    reading.current[Device] = byte(at.device);
+    reading.current[Count] = byte(at.count);
+    reading.current[LbaLow] = byte(at.lbaLow);
+    reading.current[LbaMid] = byte(at.lbaMid);
+    reading.current[LbaHigh] = byte(at.lbaHigh);
     return reading;
 }
 
@@ -140,31 +139,31 @@ std::uint8_t sense_key(const std::uint8_t* sense, std::size_t written) {
     }
 }
 
+SenseCode read_sense_code(const std::uint8_t* sense, std::size_t written) {
+    if (sense == nullptr || written < 4) {
+        return SenseCode{};
+    }
+    switch (sense[0] & kResponseCodeMask) {
+    case kDescriptorCurrent:
+        return SenseCode{true, static_cast<std::uint8_t>(sense[1] & kSenseKeyMask), sense[2],
+                         sense[3]};
+    case kFixedCurrent:
+        if (written < 14) {
+            return SenseCode{};
+        }
+        return SenseCode{true, static_cast<std::uint8_t>(sense[2] & kSenseKeyMask), sense[12],
+                         sense[13]};
+    default:
+        return SenseCode{};
+    }
+}
+
 bool sense_reports_ata_information(const std::uint8_t* sense, std::size_t written) {
     constexpr std::uint8_t kRecoveredError = 0x01;
     constexpr std::uint8_t kAtaInformationAvailable = 0x1D; // ASCQ, with ASC 00
-    if (sense == nullptr || written < 4) {
-        return false;
-    }
-    std::uint8_t key = 0, asc = 0, ascq = 0;
-    switch (sense[0] & kResponseCodeMask) {
-    case kDescriptorCurrent:
-        key = sense[1];
-        asc = sense[2];
-        ascq = sense[3];
-        break;
-    case kFixedCurrent:
-        if (written < 14) {
-            return false;
-        }
-        key = sense[2];
-        asc = sense[12];
-        ascq = sense[13];
-        break;
-    default:
-        return false;
-    }
-    return (key & kSenseKeyMask) == kRecoveredError && asc == 0 && ascq == kAtaInformationAvailable;
+    const SenseCode code = read_sense_code(sense, written);
+    return code.valid && code.key == kRecoveredError && code.asc == 0 &&
+           code.ascq == kAtaInformationAvailable;
 }
 
 bool sense_shows_ata_error(const std::uint8_t* sense, std::size_t written) {

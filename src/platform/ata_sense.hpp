@@ -30,6 +30,16 @@ AtaSenseReading read_ata_sense(const std::uint8_t* sense, std::size_t written);
 // The sense key (0 to 15) of fixed or descriptor format sense data; 0 when none can be read.
 std::uint8_t sense_key(const std::uint8_t* sense, std::size_t written);
 
+// The sense key, ASC and ASCQ of current sense data in descriptor or fixed format; valid is
+// false when the bytes written do not hold all three.
+struct SenseCode {
+    bool valid;
+    std::uint8_t key;
+    std::uint8_t asc;
+    std::uint8_t ascq;
+};
+SenseCode read_sense_code(const std::uint8_t* sense, std::size_t written);
+
 // True for the sense data a SAT layer returns for a command sent with CK_COND that the drive
 // completed without error: RECOVERED ERROR, ATA PASS-THROUGH INFORMATION AVAILABLE (00/1D), in
 // descriptor or fixed format. Its CHECK CONDITION carries registers, not a failure.

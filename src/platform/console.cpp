@@ -198,9 +198,9 @@ void set_message_listener(MessageListener listener) {
     message_state().listener = std::move(listener);
 }
 
-Message::Message(Severity severity) {
+Message::Message(Severity severity) : opened_(!message_state().open) {
     MessageState& state = message_state();
-    if (!state.open) {
+    if (opened_) {
         state.open = true;
         state.severity = severity;
         state.bytes.clear();
@@ -209,7 +209,7 @@ Message::Message(Severity severity) {
 
 Message::~Message() {
     MessageState& state = message_state();
-    if (!state.open) {
+    if (!opened_) {
         return;
     }
     state.open = false;

@@ -53,7 +53,8 @@ std::string to_console_bytes(std::wstring_view text);
 
 // Error and warning lines. While a Message lives, every line printed on either stream is also
 // handed, as UTF-8 without its line end and the blanks around it, to the message listener: a
-// record of the run lists them beside the text that printed them. Messages do not nest.
+// record of the run lists them beside the text that printed them. A Message inside another
+// adds its lines to the outer one, with the outer one's severity.
 enum class Severity { Error, Warning };
 using MessageListener = std::function<void(Severity severity, std::string text)>;
 void set_message_listener(MessageListener listener); // an empty listener: none
@@ -63,6 +64,9 @@ public:
     ~Message();
     Message(const Message&) = delete;
     Message& operator=(const Message&) = delete;
+
+private:
+    bool opened_; // false inside another Message: its lines are the outer one's
 };
 
 // A run that writes a document instead of its console texts: while muted, nothing printed on

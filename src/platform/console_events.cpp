@@ -131,16 +131,19 @@ void start() {
     const sigset_t set = handled_signals();
     sigset_t previous;
     pthread_sigmask(SIG_BLOCK, &set, &previous);
+    // The pipe is in place before the thread that writes it can take a signal.
+    wakeRead = fds[0];
+    wakeWrite = fds[1];
     pthread_t thread;
     if (pthread_create(&thread, nullptr, watch, nullptr) != 0) {
         pthread_sigmask(SIG_SETMASK, &previous, nullptr);
         close(fds[0]);
         close(fds[1]);
+        wakeRead = -1;
+        wakeWrite = -1;
         return;
     }
     pthread_detach(thread);
-    wakeRead = fds[0];
-    wakeWrite = fds[1];
     running = true;
 }
 

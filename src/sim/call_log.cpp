@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "platform/console_event_names.hpp"
+
 namespace sim {
 
 namespace {
@@ -130,33 +132,13 @@ std::string control_code_name(win32::DWORD code) {
     }
 }
 
-namespace {
-const std::pair<win32::DWORD, const char*> kConsoleEvents[] = {
-    {CTRL_C_EVENT, "CTRL_C_EVENT"},
-    {CTRL_BREAK_EVENT, "CTRL_BREAK_EVENT"},
-    {CTRL_CLOSE_EVENT, "CTRL_CLOSE_EVENT"},
-    {CTRL_LOGOFF_EVENT, "CTRL_LOGOFF_EVENT"},
-    {CTRL_SHUTDOWN_EVENT, "CTRL_SHUTDOWN_EVENT"},
-};
-} // namespace
-
 std::string console_event_name(win32::DWORD event) {
-    for (const auto& [value, name] : kConsoleEvents) {
-        if (value == event) {
-            return name;
-        }
-    }
-    return "event " + std::to_string(event);
+    const char* name = console_events::win32_name(event);
+    return name != nullptr ? name : "event " + std::to_string(event);
 }
 
 bool console_event_from_name(const std::string& name, win32::DWORD& event) {
-    for (const auto& [value, known] : kConsoleEvents) {
-        if (name == known) {
-            event = value;
-            return true;
-        }
-    }
-    return false;
+    return console_events::from_win32_name(name, event);
 }
 
 std::string error_name(win32::DWORD error) {

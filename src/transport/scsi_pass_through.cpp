@@ -27,42 +27,41 @@ void print_check_condition(const DeviceContext& context, const ScsiPassThroughRe
         << unsigned{request.sense[2]} << std::dec << std::endl;
 }
 
-// A command sent with CK_COND that the drive completed comes back as CHECK CONDITION too:
-// RECOVERED ERROR with the registers asked for, which are kept when they can be read.
-bool completed_with_registers(const ScsiPassThroughRequest& request, AtaReturnedRegisters& out) {
-    const std::size_t written =
-        std::min<std::size_t>(request.header.SenseInfoLength, kSenseInfoLength);
-    if (!sat::sense_reports_ata_information(request.sense, written)) {
-        return false;
-    }
-    const sat::AtaSenseReading reading = sat::read_ata_sense(request.sense, written);
+std::size_t sense_written(const ScsiPassThroughRequest& request) {
+    return std::min<std::size_t>(request.header.SenseInfoLength, kSenseInfoLength);
+}
+
+// The drive's registers where the SAT layer put them in the sense data, when it did.
+void keep_returned_registers(const std::uint8_t* sense, std::size_t written,
+                             AtaReturnedRegisters& out) {
+    const sat::AtaSenseReading reading = sat::read_ata_sense(sense, written);
     if (reading.verdict == sat::AtaSenseVerdict::TaskFile) {
         const std::uint8_t* current = reading.current;
         out = AtaReturnedRegisters{true,       current[6], current[0], current[1],
                                    current[2], current[3], current[4], current[5]};
     }
+}
+
+// A command sent with CK_COND that the drive completed comes back as CHECK CONDITION too:
+// RECOVERED ERROR with the registers asked for, which are kept when they can be read.
+bool completed_with_registers(const ScsiPassThroughRequest& request, AtaReturnedRegisters& out) {
+    const std::size_t written = sense_written(request);
+    if (!sat::sense_reports_ata_information(request.sense, written)) {
+        return false;
+    }
+    keep_returned_registers(request.sense, written, out);
     return true;
 }
 
 // What a failed command's sense data say: the key, ASC and ASCQ, and the drive's registers
 // where the SAT layer put them.
 void keep_failure_sense(const ScsiPassThroughRequest& request, DeviceContext& context) {
-    const std::size_t written =
-        std::min<std::size_t>(request.header.SenseInfoLength, kSenseInfoLength);
-    const std::uint8_t* sense = request.sense;
-    if (written >= 4 && (sense[0] & 0x7F) == 0x72) {
-        context.sense =
-            ReturnedSense{true, static_cast<std::uint8_t>(sense[1] & 0x0F), sense[2], sense[3]};
-    } else if (written >= 14 && (sense[0] & 0x7F) == 0x70) {
-        context.sense =
-            ReturnedSense{true, static_cast<std::uint8_t>(sense[2] & 0x0F), sense[12], sense[13]};
+    const std::size_t written = sense_written(request);
+    const sat::SenseCode code = sat::read_sense_code(request.sense, written);
+    if (code.valid) {
+        context.sense = ReturnedSense{true, code.key, code.asc, code.ascq};
     }
-    const sat::AtaSenseReading reading = sat::read_ata_sense(sense, written);
-    if (reading.verdict == sat::AtaSenseVerdict::TaskFile) {
-        const std::uint8_t* current = reading.current;
-        context.returned = AtaReturnedRegisters{true,       current[6], current[0], current[1],
-                                                current[2], current[3], current[4], current[5]};
-    }
+    keep_returned_registers(request.sense, written, context.returned);
 }
 
 } // namespace
