@@ -194,6 +194,20 @@ def in_use(folder):
     return False
 
 
+def own_folder(folder):
+    """Whether a path is a folder of this user's, not a link to one."""
+    try:
+        st = os.lstat(folder)
+    except OSError:
+        return False
+    return os.path.isdir(folder) and not os.path.islink(folder) and st.st_uid == os.geteuid()
+
+
+def report_options(verbose):
+    """The tool's options for a drive report."""
+    return ['/i', '--json'] + (['/v'] if verbose == '1' else [])
+
+
 def sha256(paths):
     import hashlib
     digest = hashlib.sha256()
@@ -218,11 +232,7 @@ def stage(workdir, tool_sha, image_sha, verbose, discover, by_id, *drives):
     # Working folders of earlier runs that were cut off: owned by this user, beside this one.
     base = os.path.dirname(workdir)
     for folder in sorted(glob.glob(os.path.join(glob.escape(base), 'quenmark.*'))):
-        try:
-            st = os.lstat(folder)
-        except OSError:
-            continue
-        if folder == workdir or not os.path.isdir(folder) or os.path.islink(folder) or st.st_uid != os.geteuid():
+        if folder == workdir or not own_folder(folder):
             continue
         named = b''.join(read(path) for path in sorted(glob.glob(os.path.join(glob.escape(folder), 'step-*', 'drive'))))
         say('QUENMARK-LEFTOVER %s %s %s' % (text(folder), 'running' if in_use(folder) else 'idle', text(named)))
@@ -233,7 +243,7 @@ def stage(workdir, tool_sha, image_sha, verbose, discover, by_id, *drives):
                 drives.append(link)
     survey = os.path.join(workdir, 'survey')
     os.mkdir(survey)
-    options = ['/i', '--json'] + (['/v'] if verbose == '1' else [])
+    options = report_options(verbose)
     for index, drive in enumerate(drives):
         run(str(index), survey, drive, [tool, drive] + options)
         record(str(index), survey)
@@ -335,7 +345,7 @@ def run_step(workdir, step, limit, verbose, model, serial, revision, *rest):
     with open(os.path.join(folder, 'drive'), 'w') as f:
         f.write(device + '\n')
     tool = os.path.join(workdir, 'quenmark')
-    options = ['/i', '--json'] + (['/v'] if verbose == '1' else [])
+    options = report_options(verbose)
 
     def tool_run(name, command):
         if not stopping:
@@ -367,11 +377,7 @@ def finish(workdir, *leftovers):
     for folder in leftovers:
         if not os.path.basename(folder).startswith('quenmark.'):
             continue
-        try:
-            st = os.lstat(folder)
-        except OSError:
-            continue
-        if not os.path.isdir(folder) or os.path.islink(folder) or st.st_uid != os.geteuid() or in_use(folder):
+        if not own_folder(folder) or in_use(folder):
             continue
         shutil.rmtree(folder, ignore_errors=True)
         if not os.path.exists(folder):
